@@ -1,0 +1,49 @@
+// support/budget.h: one budget for all that the process holds for peers: partly received messages
+// and payloads waiting in queues. A peer, or a handler that does not keep up, fills it at most.
+//
+//   Over it    nothing is read and no connection accepted until it falls (TCP then slows the
+//   peers),
+//              and send commands answer false. Where partly received messages alone take more than
+//              half of it, waiting would not help: the newest of them are evicted together with
+//              their connections.
+//   Counting   what was really allocated, with an allowance for the allocator, in bytes.
+//   Threads    every function may be called from any thread. One small lock of its own guards the
+//              list of accounts; it is held briefly and alone.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace nrpc {
+
+inline constexpr size_t kBudgetLen = size_t{512} * 1024 * 1024;
+
+// A block that counts against the budget; null when memory is exhausted. `size` is needed again to
+// free it. Taking a block is never refused for the budget's sake: ask BudgetHasRoom where
+// something new would come in.
+void *TakeCounted(size_t size);
+// Null is accepted.
+void FreeCounted(void *block, size_t size);
+
+bool BudgetHasRoom(size_t size);
+inline bool BudgetIsExceeded() {
+    return !BudgetHasRoom(0);
+}
+
+// The partly received message of one connection, entered in the list of those that may be evicted.
+// Owned by the connection; the list holds it from Enter to Leave.
+struct PartialAccount {
+    PartialAccount *Newer = nullptr;
+    PartialAccount *Older = nullptr;
+    size_t Len = 0; // bytes held; changed by the owner only
+    bool Listed = false;
+    // Set by any thread that finds the budget exceeded; the owner then drops the connection.
+    std::atomic<bool> Evicted = false;
+};
+
+// Reports that the account now holds `len` bytes (counted already by TakeCounted). Entering and
+// leaving the list is done here: a message of 0 bytes has left. False: the account was evicted.
+bool ReportPartial(PartialAccount *account, size_t len);
+
+} // namespace nrpc

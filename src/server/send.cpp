@@ -1,0 +1,129 @@
+#include "server/send.h"
+
+#include "support/sockets.h"
+
+namespace nrpc {
+
+static constexpr uint32_t kProbeMs = 100;
+static constexpr int32_t kMaxSendTimes = 100;
+// More than 20 waits of a second without progress, in the middle of a message.
+static constexpr uint64_t kStallMs = 21 * 1000;
+// A socket that reports room and takes nothing is given up after so many attempts, one a ms.
+static constexpr int32_t kMaxVainAttempts = 100;
+
+int32_t ClientCancleCurMsg(ServerContext *context, const ClientEntry *entry, const char *msgID) {
+    const int32_t number = MsgNumberOf(msgID);
+    if (number <= kLastServerMsgNumber) {
+        return 0;
+    }
+    LockGuard guard(context->ClientList->Lock);
+    return entry->CancelFlag != 0 && number != entry->CurMsgID ? 1 : 0;
+}
+
+static bool IsBegun(const ResultData *reply) {
+    return reply->Data == nullptr;
+}
+
+// From here on the reply lives in its packets.
+static bool CutIntoPackets(ClientEntry *entry, ResultData *reply) {
+    SendMsgList *packets = nullptr;
+    if (CreateRecordMsgList(reply->MsgID, reply->Data, static_cast<int32_t>(reply->DataLen),
+                            &packets) == 0) {
+        return false;
+    }
+    AppendPackets(&entry->Outgoing, packets);
+    FreeReplyPayload(reply);
+    entry->ProgressMs = MonotonicMs();
+    return true;
+}
+
+// The client took nothing for one wait.
+static SendResult NotWritable(const ClientEntry *entry, ResultData *reply) {
+    if (IsBegun(reply)) {
+        return MonotonicMs() - entry->ProgressMs >= kStallMs ? kReplyFailed : kTryAgain;
+    }
+    reply->SendTimes += 1;
+    return reply->SendTimes <= kMaxSendTimes ? kTryAgain : kReplyFailed;
+}
+
+SendResult SendData(ServerContext *context, ClientEntry *entry, ResultData *reply) {
+    if (entry->Outgoing.SentLen == 0 && ClientCancleCurMsg(context, entry, reply->MsgID) == 1) {
+        return kReplyDone;
+    }
+    for (int32_t vain = 0; vain < kMaxVainAttempts;) {
+        const WaitResult wait = WaitWritable(entry->Socket, kProbeMs);
+        if (wait == kWaitFailed) {
+            return kReplyFailed;
+        }
+        if (wait == kSocketTimeout) {
+            return NotWritable(entry, reply);
+        }
+        if (!IsBegun(reply) && !CutIntoPackets(entry, reply)) {
+            return kReplyFailed;
+        }
+        if (context->SendThreadPool->StopFlag == 1) {
+            return kReplyDone;
+        }
+        const AttemptResult attempt = WriteFirstPacket(&entry->Outgoing, entry->Socket);
+        if (attempt == kWriteBroken) {
+            return kReplyFailed;
+        }
+        if (attempt == kNoneWritten) {
+            ++vain;
+            MySleep(1);
+            continue;
+        }
+        vain = 0;
+        entry->ProgressMs = MonotonicMs();
+        if (attempt == kPacketWritten && (entry->Outgoing.First == nullptr ||
+                                          ClientCancleCurMsg(context, entry, reply->MsgID) == 1)) {
+            return kReplyDone;
+        }
+    }
+    return kReplyFailed;
+}
+
+// --- turns ------------------------------------------------------------------------------------
+
+// The reply's client, claimed for sending; null when the reply is not to be written now and is no
+// longer the caller's.
+static ClientEntry *ClaimForSending(ServerContext *context, ResultData *reply) {
+    {
+        LockGuard guard(context->ClientList->Lock);
+        ClientEntry *entry = FindClient(context->ClientList, reply->Socket);
+        if (entry != nullptr) {
+            if (entry->SendBusy == 1 || (entry->HalfSent != nullptr && entry->HalfSent != reply)) {
+                AddWaitingReply(entry, reply);
+                return nullptr;
+            }
+            entry->SendBusy = 1;
+            return entry;
+        }
+    }
+    FreeResultData(reply); // the client is gone
+    return nullptr;
+}
+
+void *TakeResult(ServerContext *context) {
+    return GetResultFromQueueHead(context->ResultQueue);
+}
+
+void ServeResult(ThreadArg *worker, void *item) {
+    ServerContext *context = worker->Context;
+    auto *reply = static_cast<ResultData *>(item);
+    ClientEntry *entry = ClaimForSending(context, reply);
+    if (entry == nullptr) {
+        return;
+    }
+    if (SendData(context, entry, reply) != kTryAgain || context->SendThreadPool->StopFlag == 1) {
+        AbandonMessage(&entry->Outgoing); // nothing is left of a reply that went out whole
+        FreeResultData(reply);
+        reply = nullptr;
+    }
+    ResultData *next = ReleaseFromSending(context->ClientList, entry, reply);
+    if (next != nullptr) {
+        AddResultToQueueTail(context->ResultQueue, next);
+    }
+}
+
+} // namespace nrpc

@@ -1,0 +1,157 @@
+#include "client/receive.h"
+
+#include <cstring>
+
+#include "protocol/records.h"
+#include "support/sockets.h"
+
+namespace nrpc {
+
+static constexpr int32_t kReadLen = 10240;
+static constexpr uint32_t kWaitMs = 1000;
+static constexpr int32_t kMaxIdleWaits = 20;
+static constexpr uint32_t kFullListMs = 10;
+
+// --- messages ---------------------------------------------------------------------------------
+
+static void AddCloseMessage(ClientContext *context) {
+    if (context->CloseMessage != nullptr) {
+        AddWorkData(context, context->CloseMessage);
+        context->CloseMessage = nullptr;
+    }
+}
+
+static bool AddReceived(ClientContext *context, RecordReader *reader, Record *record) {
+    MessageChunk *block = TakePayload(reader, record);
+    if (block == nullptr) {
+        return false;
+    }
+    ClientMessage *message = NewClientMessage(kDataReceived);
+    if (message == nullptr) {
+        FreeChunks(block);
+        return false;
+    }
+    message->DataLen = static_cast<uint32_t>(record->Len);
+    message->Data = record->Payload;
+    std::memcpy(message->MsgID, record->MsgID, sizeof(message->MsgID));
+    message->Block = block;
+    AddWorkData(context, message);
+    return true;
+}
+
+void DealWithData(ClientContext *context, MessageChunk *chunks) {
+    RecordReader reader;
+    if (!OpenRecords(&reader, chunks)) {
+        return;
+    }
+    Record record;
+    RecordResult result = ReadRecord(&reader, &record);
+    while (result == kRecordTaken && AddReceived(context, &reader, &record)) {
+        result = ReadRecord(&reader, &record);
+    }
+    if (result == kRecordClose && context->RequestMode == kAsynchronous) {
+        AddCloseMessage(context);
+    }
+    CloseRecords(&reader);
+}
+
+static void TakeMessage(void *receiver, MessageChunk *chunks) {
+    DealWithData(static_cast<ClientContext *>(receiver), chunks);
+}
+
+// --- bytes ------------------------------------------------------------------------------------
+
+static void NotePacket(ClientContext *context) {
+    MsgIDText msgID;
+    FormatMsgID(context->Received.LastPacketNumber, msgID);
+    uint32_t word = 0;
+    static_assert(sizeof(word) == kMsgIDLen);
+    std::memcpy(&word, msgID, kMsgIDLen);
+    context->ReceivingMsgID = word;
+}
+
+void GetReceivingMsgID(const ClientContext *context, MsgIDText msgID) {
+    if (context != nullptr) {
+        const uint32_t word = context->ReceivingMsgID;
+        std::memcpy(msgID, &word, kMsgIDLen);
+        msgID[kMsgIDLen] = 0;
+    }
+}
+
+// Nothing that was begun goes on.
+static ClientRecvResult GiveUp(ClientContext *context, ClientRecvResult result) {
+    Assembly_Reset(&context->Received);
+    context->ReceivingMsgID = 0;
+    return result;
+}
+
+// Reading waits while nobody takes the messages that are there. False when the connection ends.
+static bool MayRead(ClientContext *context) {
+    while (context->CloseFlag != 1 && (IsWorkDataListFull(context) || BudgetIsExceeded()) &&
+           !context->Received.Account.Evicted) {
+        MySleep(kFullListMs);
+    }
+    return context->CloseFlag != 1;
+}
+
+ClientRecvResult ClientRecvData(ClientContext *context) {
+    for (int32_t idleWaits = 0; MayRead(context);) {
+        if (context->Received.Account.Evicted) {
+            return GiveUp(context, kConnectionLost);
+        }
+        const WaitResult wait = WaitReadable(context->Socket, kWaitMs);
+        if (wait == kWaitFailed) {
+            return GiveUp(context, kConnectionLost);
+        }
+        if (wait == kSocketTimeout) {
+            if (++idleWaits > kMaxIdleWaits) {
+                return GiveUp(context, kNoMessage);
+            }
+            continue;
+        }
+        uint8_t bytes[kReadLen];
+        const int32_t len = RecvSome(context->Socket, bytes, kReadLen);
+        if (len == kConnectionGone) {
+            return GiveUp(context, kConnectionLost);
+        }
+        if (len == kNothingYet) {
+            MySleep(1); // readable, and yet nothing there: must not become a busy loop
+            continue;
+        }
+        idleWaits = 0;
+        int32_t packets = 0;
+        const FeedResult fed =
+            Assembly_Feed(&context->Received, bytes, len, TakeMessage, context, &packets);
+        if (packets > 0) {
+            NotePacket(context);
+        }
+        if (fed != kFed) {
+            return GiveUp(context, fed == kFeedDiscarded ? kNoMessage : kConnectionLost);
+        }
+        if (packets > 0 && !Assembly_IsPartial(&context->Received)) {
+            return kMessagesReceived;
+        }
+    }
+    return kNoMessage;
+}
+
+void *ClientFunRecvThread(void *arg) {
+    MySetThreadAttribute("nrpc-c-recv");
+    auto *context = static_cast<ClientContext *>(arg);
+    ClientRecvResult result = kNoMessage;
+    while (context->CloseFlag != 1 && result != kConnectionLost) {
+        result = ClientRecvData(context);
+        if (result == kNoMessage) {
+            MySleep(1);
+        }
+    }
+    // A teardown that the user asked for sets the flag first, so it is not reported.
+    if (result == kConnectionLost && context->CloseFlag == 0 &&
+        context->RequestMode == kAsynchronous) {
+        AddCloseMessage(context);
+    }
+    DropObject(&context->Life);
+    return nullptr;
+}
+
+} // namespace nrpc

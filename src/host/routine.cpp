@@ -1,6 +1,7 @@
 #include "host/routine.h"
 
 #include <elf.h>
+#include <execinfo.h>
 #include <link.h>
 #include <sys/auxv.h>
 #include <ucontext.h>
@@ -96,7 +97,9 @@ HostWord CallHostFunction(HostWord function, HostWord first, HostWord second, Ho
 // --- routine threads --------------------------------------------------------------------------
 
 static pthread_key_t s_ThreadKey;
-static bool s_Prepared; // written once, before the first routine thread exists
+// Written once, before the first routine thread exists.
+static bool s_Prepared;
+static bool s_CanCancel;
 
 static void ThreadEndedInRoutine(void *value) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
@@ -280,8 +283,17 @@ static void CollectProtectedCode() {}
 
 #endif
 
+// Cancelling needs the unwinder, which the C library loads when it first walks a stack: walking one
+// here finds out whether it is there (without it cancelling would end the process) and keeps the
+// loader, whose lock the overdue thread may hold, out of a later stop.
+static bool LoadUnwinder() {
+    void *frame = nullptr;
+    return backtrace(&frame, 1) == 1;
+}
+
 static void Prepare() {
     CollectProtectedCode();
+    s_CanCancel = LoadUnwinder();
     s_Prepared = pthread_key_create(&s_ThreadKey, ThreadEndedInRoutine) == 0;
 }
 
@@ -298,11 +310,12 @@ static void Cancel(pthread_t thread) {
 }
 static void Count(pthread_t) {}
 
-// Looks every millisecond, and calls `act` each time, until no thread is left or `rounds` are over.
+// Calls `act` every millisecond until no thread is left or the time is over.
 static int32_t VisitUntilEnded(VisitThreads visit, void *owner, void (*act)(pthread_t),
-                               int rounds) {
+                               uint32_t limitMs) {
+    const uint64_t until = MonotonicMs() + limitMs;
     int32_t left = visit(owner, act);
-    for (; left > 0 && rounds > 0; --rounds) {
+    while (left > 0 && MonotonicMs() < until) {
         MySleep(1);
         left = visit(owner, act);
     }
@@ -310,8 +323,8 @@ static int32_t VisitUntilEnded(VisitThreads visit, void *owner, void (*act)(pthr
 }
 
 int32_t EndRoutineThreads(VisitThreads visit, void *owner) {
-    constexpr int kBlockedMs = 200; // enough to end wherever the routine blocks
-    [[maybe_unused]] constexpr int kComputingMs = 1000;
+    constexpr uint32_t kBlockedMs = 200; // enough to end wherever the routine blocks
+    [[maybe_unused]] constexpr uint32_t kComputingMs = 1000;
     int32_t left = visit(owner, Cancel);
     if (left > 0) {
         left = VisitUntilEnded(visit, owner, Count, kBlockedMs);

@@ -20,12 +20,13 @@ struct NString : CMem {};
 void NString_init_text_(NString *str, const char *text);
 int32_t NString_init_str_(NString *str, const NString *other);
 
+// These three free the old block first, so a failure leaves the empty text.
 void NString_SetText(NString *str, const char *text);
-// In the block that the string already has, where it serves.
-int32_t NString_SetStr(NString *str, const NString *other);
 // The first `count` characters, taken unsigned: -1 is all of them.
 void NString_SetTextPart(NString *str, const char *text, int32_t count);
 void NString_SetChar(NString *str, char character);
+// In the block that the string already has, where it serves.
+int32_t NString_SetStr(NString *str, const NString *other);
 
 // Never null; valid until the string changes.
 const char *NString_GetText(const NString *str);

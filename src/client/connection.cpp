@@ -12,6 +12,7 @@
 #include "client/asynchronous_send.h"
 #include "client/dispatch.h"
 #include "client/receive.h"
+#include "host/overdue.h"
 #include "support/sockets.h"
 
 namespace nrpc {
@@ -157,7 +158,8 @@ static bool EndThreads(ClientContext *context) {
     if (IsRoutineThreadOf(context)) {
         ended = false;
     } else {
-        ended = EndRoutineThreads(VisitWorkThread, &context->WorkThread) == 0 && ended;
+        ended = EndRoutineThreads(VisitWorkThread, &context->WorkThread, context->HostMask) == 0 &&
+                ended;
     }
     LeaveToItself(&context->RecvThread);
     LeaveToItself(&context->SendThread);

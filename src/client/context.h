@@ -5,9 +5,8 @@
 //              thread still inside otherwise. The connection (socket, threads, RequestLock) lives
 //              from ConnectToServer to StopConnect.
 //   Renewal    a teardown that leaves a thread behind (the client's own work thread that called it,
-//   or
-//              one that cannot be ended) gives the host object a new record and leaves this one to
-//              that thread. So a record never sees threads of two connections.
+//              or one that cannot be ended) gives the host object a new record and leaves this one
+//              to that thread. So a record never sees threads of two connections.
 //   Locks      SendDataLock and WorkDataLock guard their lists, each briefly and alone. RequestLock
 //              is held over a whole synchronous request.
 #pragma once
@@ -57,6 +56,7 @@ enum ConnectionState : int32_t {
     kConnected,
     kEnding,
     kLost, // the close message was handled; threads, lists and socket are still to be cleared
+    kLeft, // for good: a thread is left inside, and the host object has another record
 };
 
 struct ClientThread {

@@ -1,5 +1,7 @@
 #include "client/receive.h"
 
+#include <sys/socket.h>
+
 #include <cstring>
 
 #include "protocol/records.h"
@@ -85,10 +87,17 @@ static ClientRecvResult GiveUp(ClientContext *context, ClientRecvResult result) 
     return result;
 }
 
+// The connection is ended from this side: the server sees it at once.
+static ClientRecvResult Drop(ClientContext *context) {
+    shutdown(context->Socket, SHUT_RDWR);
+    return GiveUp(context, kConnectionLost);
+}
+
 // Reading waits while nobody takes the messages that are there. False when the connection ends.
 static bool MayRead(ClientContext *context) {
     while (context->CloseFlag != 1 && (IsWorkDataListFull(context) || BudgetIsExceeded()) &&
            !context->Received.Account.Evicted) {
+        context->ReceivingMsgID = 0; // nothing arrives: a waiting request's time goes on
         MySleep(kFullListMs);
     }
     return context->CloseFlag != 1;
@@ -97,7 +106,7 @@ static bool MayRead(ClientContext *context) {
 ClientRecvResult ClientRecvData(ClientContext *context) {
     for (int32_t idleWaits = 0; MayRead(context);) {
         if (context->Received.Account.Evicted) {
-            return GiveUp(context, kConnectionLost);
+            return Drop(context);
         }
         const WaitResult wait = WaitReadable(context->Socket, kWaitMs);
         if (wait == kWaitFailed) {
@@ -126,7 +135,7 @@ ClientRecvResult ClientRecvData(ClientContext *context) {
             NotePacket(context);
         }
         if (fed != kFed) {
-            return GiveUp(context, fed == kFeedDiscarded ? kNoMessage : kConnectionLost);
+            return fed == kFeedDiscarded ? GiveUp(context, kNoMessage) : Drop(context);
         }
         if (packets > 0 && !Assembly_IsPartial(&context->Received)) {
             return kMessagesReceived;

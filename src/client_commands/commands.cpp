@@ -37,13 +37,42 @@ class ClientObject {
 using Client = HeldObject<ClientContext, kClientObject>;
 
 // Longer than any teardown takes.
-static constexpr uint64_t kOtherCommandMs = 5000;
+static constexpr uint64_t kOtherCommandMs = 7000;
 
 // --- connecting and teardown ------------------------------------------------------------------
 
 static bool MoveOn(Client &client, ConnectionState from, ConnectionState to) {
     int32_t expected = from;
     return client->State.compare_exchange_strong(expected, to);
+}
+
+// Waits for another thread's command to move on, but not on a thread that the command waits for.
+static void AwaitOtherCommand(Client &client, ConnectionState state) {
+    const uint64_t until = MonotonicMs() + kOtherCommandMs;
+    while (client->State == state && !IsRoutineThreadOf(client.Get()) && MonotonicMs() < until) {
+        MySleep(1);
+    }
+}
+
+// In state kEnding, which it leaves. False when a thread is left inside: the record is its own now.
+static bool EndConnection(Client &client, uint32_t pauseMs) {
+    const bool isCleared = StopConnect(client.Get(), pauseMs);
+    client->State = isCleared ? kNotConnected : kLeft;
+    return isCleared;
+}
+
+// Ends the connection if there is one, also one that was lost; else waits for whoever is at it.
+// False as EndConnection.
+static bool Disconnect(Client &client) {
+    AwaitConnected(client.Get());
+    if (MoveOn(client, kConnected, kEnding)) {
+        return EndConnection(client, kStopPauseMs);
+    }
+    if (MoveOn(client, kLost, kEnding)) {
+        return EndConnection(client, 0);
+    }
+    AwaitOtherCommand(client, kEnding);
+    return true;
 }
 
 // A record in the place of one that still has a thread inside; ids go on where they were.
@@ -53,34 +82,6 @@ static void Renew(Client &client) {
         fresh->LastMsgNum = client->LastMsgNum;
     }
     client.Renew(fresh);
-}
-
-// In state kEnding, which it leaves. False when the host object has another record now.
-static bool EndConnection(Client &client, uint32_t pauseMs) {
-    if (StopConnect(client.Get(), pauseMs)) {
-        client->State = kNotConnected;
-        return true;
-    }
-    Renew(client);
-    return false;
-}
-
-// Ends the connection if there is one, also one that was lost. False when the host object has
-// another record now.
-static bool Disconnect(Client &client) {
-    AwaitConnected(client.Get());
-    if (MoveOn(client, kConnected, kEnding)) {
-        return EndConnection(client, kStopPauseMs);
-    }
-    if (MoveOn(client, kLost, kEnding)) {
-        return EndConnection(client, 0);
-    }
-    // Another thread may be at it; but a thread that it waits for does not wait for it.
-    const uint64_t until = MonotonicMs() + kOtherCommandMs;
-    while (client->State == kEnding && !IsRoutineThreadOf(client.Get()) && MonotonicMs() < until) {
-        MySleep(1);
-    }
-    return true;
 }
 
 NRPC_HOST_ENTRY void fnCreateClient(HostValue *, int32_t, HostValue *args) {
@@ -105,11 +106,12 @@ static bool Connect(Client &client, const HostValue *args) {
            ConnectToServer(client.Get(), static_cast<uint32_t>(args[1].Number), args[2].Text) == 1;
 }
 
-// True when a lost connection had left a thread inside and the host object has another record now.
-static bool ClearLostConnection(HostValue *args) {
+static void ClearLostConnection(HostValue *args) {
     ClientObject object(args);
     Client &client = object.Any();
-    return client && MoveOn(client, kLost, kEnding) && !EndConnection(client, 0);
+    if (client && MoveOn(client, kLost, kEnding) && !EndConnection(client, 0)) {
+        Renew(client);
+    }
 }
 
 NRPC_HOST_ENTRY void fnClientConnect(HostValue *result, int32_t, HostValue *args) {
@@ -124,31 +126,42 @@ NRPC_HOST_ENTRY void fnClientConnect(HostValue *result, int32_t, HostValue *args
     if (!client || !MoveOn(client, kNotConnected, kConnecting)) {
         return;
     }
-    if (Connect(client, args)) {
+    const bool isConnected = Connect(client, args);
+    client->State = isConnected ? kConnected : kEnding;
+    // A release on another thread has seen that state, or is seen here.
+    if (isConnected && client->Released == 0) {
         args[0].Slot[ClientObject::kConnectFlag] = 1;
         result->Number = 1;
-        client->State = kConnected;
-    } else {
-        client->State = kEnding;
-        EndConnection(client, 0);
+    } else if (!(isConnected ? Disconnect(client) : EndConnection(client, 0))) {
+        Renew(client);
     }
 }
 
 NRPC_HOST_ENTRY void fnClientdisConnect(HostValue *, int32_t, HostValue *args) {
     ClientObject object(args);
-    if (object.Any()) {
-        Disconnect(object.Any());
+    Client &client = object.Any();
+    if (client && !Disconnect(client)) {
+        Renew(client);
     }
 }
 
-NRPC_HOST_ENTRY void fnReleaseClient(HostValue *, int32_t, HostValue *args) {
+// True when there was a record to release; another thread may have given the object a new one
+// meanwhile.
+static bool ReleaseRecord(HostValue *args) {
     ClientObject object(args);
     Client &client = object.Any();
-    if (client) {
-        client->Released = 1;
-        if (Disconnect(client)) {
-            client.Release();
-        }
+    if (!client) {
+        return false;
+    }
+    client->Released = 1;
+    AwaitOtherCommand(client, kConnecting);
+    Disconnect(client);
+    client.Renew(nullptr);
+    return true;
+}
+
+NRPC_HOST_ENTRY void fnReleaseClient(HostValue *, int32_t, HostValue *args) {
+    while (ReleaseRecord(args)) {
     }
 }
 
@@ -169,7 +182,7 @@ static bool StoreClone(HostWord *slot, const ClientMessage *message) {
 // The reply, the caller's to free, and 1; or 0 or -1.
 static int32_t Request(ClientContext *client, const uint8_t *data, size_t length, int32_t timeoutMs,
                        ClientMessage **reply) {
-    if (client == nullptr || timeoutMs < 0 || length < 1 || length > kMaxReceivedTotalLen) {
+    if (client == nullptr || timeoutMs < 0 || length < 1 || length > kMaxPayloadLen) {
         return -1;
     }
     const GatePass pass(&client->Requests);
@@ -214,7 +227,7 @@ NRPC_HOST_ENTRY void fnSendSynRequestBin(HostValue *result, int32_t, HostValue *
 // --- asynchronous requests --------------------------------------------------------------------
 
 static bool QueueRequest(ClientContext *client, const uint8_t *data, size_t length) {
-    if (client == nullptr || length > kMaxReceivedTotalLen || !BudgetHasRoom(length)) {
+    if (client == nullptr || length > kMaxPayloadLen || !BudgetHasRoom(length)) {
         return false;
     }
     const GatePass pass(&client->Requests);

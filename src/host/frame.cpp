@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "host/routine.h"
+#include "host/host_call.h"
 
 namespace nrpc {
 
@@ -13,7 +13,8 @@ static std::atomic<HostWord> g_nLastNotifyResult;
 
 HostWord NotifySys(HostWord code, HostWord param1, HostWord param2) {
     const HostWord service = g_fnNotifySys;
-    const HostWord result = service == 0 ? 0 : CallHostFunction(service, code, param1, param2);
+    HostWord frame = 0;
+    const HostWord result = service == 0 ? 0 : CallHost(service, code, param1, param2, &frame);
     g_nLastNotifyResult.store(result, std::memory_order_relaxed);
     return result;
 }

@@ -1,9 +1,7 @@
-// host/routine.h: the one place where a routine of the host is called, and where a thread that
-// stays in one past its time is ended.
+// host/routine.h: the one place where a routine of the host is called. What a routine may do to the
+// machine is in host/host_call.h, how a thread that stays in one past its time is ended in
+// host/overdue.h.
 //
-//   Convention  a routine gets one word and may pop it or leave it; it may change callee-saved
-//               registers, the direction flag and the floating-point control words, and leave
-//               values on the floating-point stack: all are put back.
 //   Threads     a thread that runs host code owns a RoutineThread, registered for its lifetime.
 //               The cancel shield is down only inside the routine, with cancellation deferred.
 //   Ending      a routine is left in three ways: it returns; the thread is ended in it (cancelled
@@ -41,22 +39,13 @@ bool EnterRoutineThread(RoutineThread *thread, const sigset_t &mask);
 // Before the thread returns; `thread` is the caller's again.
 void LeaveRoutineThread(RoutineThread *thread);
 
-// Calls `routine` with the word `message`. Does not return when the thread is ended inside it.
+// Calls `routine` with the word `message`. Does not return when the thread is ended inside it, nor
+// in the child of a routine that forks and returns there: that process ends.
 void RunRoutine(RoutineThread *thread, HostWord routine, const void *message);
 
+// The calling thread, if it is registered.
+const RoutineThread *ThisRoutineThread();
 // True when the calling thread runs a routine on behalf of `object`.
 bool IsRoutineThreadOf(const void *object);
-
-// Calls `act` for each thread of the owner still inside its routine (never for the calling thread)
-// and answers how many there are. The handles stay valid during the call.
-using VisitThreads = int32_t (*)(void *owner, void (*act)(pthread_t thread));
-
-// Ends overdue threads: cancels them, and after 200 ms breaks off those that compute without ever
-// blocking, for at most a second. Never inside the C library or the loader, whose locks would die
-// with the thread. Answers how many are left: those are left to themselves.
-int32_t EndRoutineThreads(VisitThreads visit, void *owner);
-
-// Calls any routine of the host with three words, as RunRoutine does with one, on any thread.
-HostWord CallHostFunction(HostWord function, HostWord first, HostWord second, HostWord third);
 
 } // namespace nrpc

@@ -50,7 +50,7 @@ MessageChunk *JoinChunks(MessageChunk *first) {
             at += first->Len;
         }
         MessageChunk *next = first->Next;
-        first->Next = nullptr; // freed one by one: a large message is never held twice
+        first->Next = nullptr; // freed one by one, as the copy grows
         FreeChunks(first);
         first = next;
     }

@@ -22,6 +22,8 @@ using MsgIDText = char[kMsgIDLen + 1];
 
 inline constexpr int32_t kMaxTagElementLen =
     4 + 4 + 1 + 10 + 5 + 4 + 1; // with a count of 10 digits
+// The longest payload that a receiver takes: its message may have kMaxReceivedTotalLen bytes.
+inline constexpr int32_t kMaxPayloadLen = kMaxReceivedTotalLen - kMaxTagElementLen;
 // Messages up to this id are never dropped as cancelled.
 inline constexpr int32_t kLastServerMsgNumber = 9;
 inline constexpr int32_t kLastMsgNumber = 9999;

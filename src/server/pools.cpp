@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/overdue.h"
 #include "server/dispatch.h"
 #include "server/receive.h"
 #include "server/send.h"
@@ -412,7 +413,7 @@ static void LeaveTheRestToThemselves(PoolHandleList *list) {
 void TerminateThreadPool(ServerContext *context, PoolId id) {
     PoolHandleList *handles = context->*s_PoolKinds[id].Handles;
     if (s_PoolKinds[id].RunsHandler) {
-        EndRoutineThreads(VisitListedThreads, handles);
+        EndRoutineThreads(VisitListedThreads, handles, context->HostMask);
     } else {
         const uint64_t until = MonotonicMs() + kEndWaitMs;
         while (VisitListedThreads(handles, Ignore) > 0 && MonotonicMs() < until) {

@@ -100,7 +100,7 @@ static bool ReadDestination(ServerContext *server, const HostValue &cell, int32_
 
 static bool QueueReply(ServerContext *server, const HostValue &destination, const uint8_t *data,
                        size_t length) {
-    if (length < 1 || length > kMaxReceivedTotalLen - kMaxTagElementLen || !BudgetHasRoom(length)) {
+    if (length < 1 || length > kMaxPayloadLen || !BudgetHasRoom(length)) {
         return false;
     }
     const GatePass pass(&server->Commands);

@@ -65,7 +65,7 @@ static void EvictNewest(size_t excess) {
 
 bool ReportPartial(PartialAccount *account, size_t len) {
     if (len == 0 && !account->Listed) {
-        return !account->Evicted; // the message came and went within one read
+        return true; // the message came and went within one read
     }
     pthread_mutex_lock(&s_AccountLock);
     if (!account->Listed) {
@@ -75,6 +75,7 @@ bool ReportPartial(PartialAccount *account, size_t len) {
     account->Len = len;
     if (len == 0) {
         Leave(account);
+        account->Evicted = false;
     }
     const size_t used = s_Used;
     if (used > kBudgetLen && s_PartialLen > kBudgetLen / 2) {

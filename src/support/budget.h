@@ -2,10 +2,9 @@
 // and payloads waiting in queues. A peer, or a handler that does not keep up, fills it at most.
 //
 //   Over it    nothing is read and no connection accepted until it falls (TCP then slows the
-//   peers),
-//              and send commands answer false. Where partly received messages alone take more than
-//              half of it, waiting would not help: the newest of them are evicted together with
-//              their connections.
+//              peers), and send commands answer false. Where partly received messages alone take
+//              more than half of it, waiting would not help: the newest of them are evicted
+//              together with their connections.
 //   Counting   what was really allocated, with an allowance for the allocator, in bytes.
 //   Threads    every function may be called from any thread. One small lock of its own guards the
 //              list of accounts; it is held briefly and alone.
@@ -31,8 +30,8 @@ inline bool BudgetIsExceeded() {
     return !BudgetHasRoom(0);
 }
 
-// The partly received message of one connection, entered in the list of those that may be evicted.
-// Owned by the connection; the list holds it from Enter to Leave.
+// The partly received message of one connection, listed among those that may be evicted as long as
+// it has any bytes. Owned by the connection.
 struct PartialAccount {
     PartialAccount *Newer = nullptr;
     PartialAccount *Older = nullptr;
@@ -42,8 +41,8 @@ struct PartialAccount {
     std::atomic<bool> Evicted = false;
 };
 
-// Reports that the account now holds `len` bytes (counted already by TakeCounted). Entering and
-// leaving the list is done here: a message of 0 bytes has left. False: the account was evicted.
+// Reports that the account now holds `len` bytes (counted already by TakeCounted). With 0 it is a new
+// one. False: it was evicted, and its bytes must be given up.
 bool ReportPartial(PartialAccount *account, size_t len);
 
 } // namespace nrpc

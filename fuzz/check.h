@@ -1,0 +1,13 @@
+// fuzz/check.h: what a fuzzer holds to be true. A violation ends the process, and with it the run.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+#define CHECK(condition)                                                                           \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            std::fprintf(stderr, "%s:%d: not true: %s\n", __FILE__, __LINE__, #condition);         \
+            std::abort();                                                                          \
+        }                                                                                          \
+    } while (false)

@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# The static checks, one line each; goes on after a fault and fails in the end. Wants build/release
+# built and build/clang configured: ./dev check sees to both.
+# shellcheck disable=SC2317 # functions are called through check
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 2
+
+bad=0
+output=$(mktemp)
+trap 'rm -f "$output"' EXIT
+
+# check <name> <command...>: the command's output is shown only when it fails.
+check() {
+    local name=$1 start=$SECONDS
+    shift
+    if "$@" >"$output" 2>&1; then
+        printf 'ok    %s (%d s)\n' "$name" $((SECONDS - start))
+    else
+        printf 'FAULT %s\n' "$name"
+        sed 's/^/      /' "$output"
+        bad=$((bad + 1))
+    fi
+}
+
+format() {
+    find src tools tests fuzz -name '*.h' -print0 -o -name '*.cpp' -print0 |
+        xargs -0 clang-format --dry-run -Werror
+}
+
+tidy() {
+    find src tools -name '*.cpp' -print0 |
+        xargs -0 -P "$(nproc)" -n 1 clang-tidy --quiet -p build/clang
+}
+
+cppchecked() {
+    cppcheck --quiet --error-exitcode=1 --std=c++20 --platform=unix32 --inline-suppr -j "$(nproc)" \
+        --enable=warning,performance,portability -I src src
+}
+
+check "shell scripts" shellcheck dev .ci/run scripts/*.sh
+check "format" format
+check "include directions" python3 scripts/check_includes.py
+check "cppcheck" cppchecked
+check "clang++: warnings, lock annotations" cmake --build --preset clang
+check "clang-tidy" tidy
+python3 scripts/check_product.py build/release/libnrpc.so || bad=$((bad + 1))
+
+[ "$bad" -eq 0 ]

@@ -1,0 +1,318 @@
+"""peer.py: a client and a server of the protocol in docs/protocol.md, written from that page alone.
+
+It shares nothing with the library, so that a fault of one side cannot hide behind the same fault of
+the other. From the bottom up: functions from messages to bytes and back; Assembly, which puts packets
+together and knows no socket; Connection, which adds one; Client, Session and Server, which add the ids.
+
+Message ids are ints here, payloads are bytes. Every wait takes a time limit in seconds.
+"""
+import collections
+import itertools
+import select
+import socket
+import struct
+import threading
+import time
+
+HEAD = struct.Struct("<4s4siii")  # Magic, MsgID, TotalLen, ChunkIndex, ChunkLen
+MAGIC = b"NMSG"
+CHUNK_LEN = 8192                  # of every chunk we send but the last
+MAX_CHUNK_LEN = 1 << 20           # that we take
+MAX_MESSAGE_LEN = 256 << 20
+MAX_CHUNKS = 65536
+MIN_RECORD_LEN = 20
+HALF_MESSAGE_S = 21               # without a byte, then it is thrown away
+CONNECT_S = 5
+WRITE_S = 30                      # without progress, then a write fails
+
+CLOSE_NOTICE = 0
+CANCEL = 1
+OWN_IDS = 6, 7, 8, 9, 5           # the server's own messages, in the order of their use
+REQUEST_IDS = *range(11, 10000), 10
+NO_ID = -1                        # what is not four digits
+
+Record = collections.namedtuple("Record", "msg_id payload")
+
+
+# --- messages to bytes ---
+
+def record_bytes(msg_id, payload):
+    return b"<Msg%04d>%d</Msg%04d>" % (msg_id, len(payload), msg_id) + payload
+
+
+def packet_bytes(msg_id, chunk, index=0, total_len=None):
+    """One packet; without more, one that is a whole message."""
+    total_len = len(chunk) if total_len is None else total_len
+    return HEAD.pack(MAGIC, b"%04d" % msg_id, total_len, index, len(chunk)) + chunk
+
+
+def message_bytes(msg_id, message, chunk_len=CHUNK_LEN):
+    """The packets of a message, one after the other."""
+    return b"".join(packet_bytes(msg_id, message[at:at + chunk_len], at // chunk_len, len(message))
+                    for at in range(0, len(message), chunk_len))
+
+
+def wire_bytes(msg_id, payload):
+    """All that a message with one record is on the wire."""
+    return message_bytes(msg_id, record_bytes(msg_id, payload))
+
+
+def pieces_of(data, sizes):
+    """Cuts data into pieces of the sizes that the iterable gives; the rest after its end is one."""
+    at = 0
+    for size in itertools.chain(sizes, [len(data)]):
+        if at < len(data):
+            yield data[at:at + size]
+            at += size
+        else:
+            return
+
+
+# --- bytes to messages ---
+
+def records_of(message):
+    """The records at the front of a message. One with COUNT 0 is the last."""
+    records = []
+    while len(message) >= MIN_RECORD_LEN and message.startswith(b"<Msg"):
+        digits = message[9:].partition(b"<")[0]
+        if digits and not digits.isdigit():
+            break
+        start = 9 + len(digits) + 10
+        count = int(digits or b"0")
+        if count > len(message) - start:
+            break
+        msg_id = int(message[4:8]) if message[4:8].isdigit() else NO_ID
+        records.append(Record(msg_id, message[start:start + count]))
+        if count == 0:
+            break
+        message = message[start + count:]
+    return records
+
+
+class Assembly:
+    """Puts the packets of one connection together, read by read."""
+
+    def __init__(self):
+        self.broken = False             # the connection is to be closed
+        self._held = bytearray()
+        self._last_take = 0
+        self._chunks = []               # of the message being assembled
+        self._expected = None           # MsgID and ChunkIndex that continue it
+
+    def take(self, data, now):
+        """Adds what one read gave at the time `now`; returns the messages completed by it."""
+        if now - self._last_take > HALF_MESSAGE_S:
+            self._discard()
+        self._last_take = now
+        self._held += data
+        messages = []
+        packets = 0
+        try:
+            for packet in iter(self._take_packet, None):
+                packets += 1
+                messages += self._add(*packet)
+        except ValueError:
+            self._discard()
+            self.broken = packets > 0
+        return messages
+
+    def _take_packet(self):
+        """The fields of the packet at the front of what is held, None while it is not whole."""
+        if len(self._held) < HEAD.size:
+            return None
+        magic, msg_id, total_len, index, chunk_len = HEAD.unpack_from(self._held)
+        if (magic != MAGIC or not 0 <= total_len <= MAX_MESSAGE_LEN
+                or not 0 <= chunk_len <= MAX_CHUNK_LEN or (chunk_len == 0 and total_len != 0)):
+            raise ValueError("not a packet")
+        end = HEAD.size + chunk_len
+        if len(self._held) < end:
+            return None
+        chunk = bytes(self._held[HEAD.size:end])
+        del self._held[:end]
+        return msg_id, total_len, index, chunk
+
+    def _add(self, msg_id, total_len, index, chunk):
+        """Appends a packet; returns [the message] if that completes it, else []."""
+        if (msg_id, index) != self._expected:
+            self._chunks.clear()
+        self._expected = msg_id, index + 1
+        self._chunks.append(chunk)
+        have = sum(map(len, self._chunks))
+        message = [b"".join(self._chunks)] if have == total_len else []
+        if have >= total_len or len(self._chunks) == MAX_CHUNKS:
+            self._expected = None
+        return message
+
+    def _discard(self):
+        self._held.clear()
+        self._expected = None
+
+
+# --- the ends of a connection ---
+
+class Connection:
+    """A socket and what came out of it. One thread reads, any number may write."""
+
+    def __init__(self, sock):
+        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        sock.settimeout(WRITE_S)
+        self.received = bytearray()     # every byte that ever came
+        self.records = []               # every record that ever came
+        self._sock = sock
+        self._taken = 0                 # how many of them `receive` has given away
+        self._assembly = Assembly()
+        self._write_lock = threading.Lock()
+
+    def write(self, data, sizes=(), pause=0):
+        """Writes bytes as they are, in pieces of these sizes (see pieces_of), pausing after each."""
+        with self._write_lock:
+            for piece in pieces_of(data, sizes):
+                self._sock.sendall(piece)
+                time.sleep(pause)
+
+    def send(self, msg_id, payload, sizes=(), pause=0):
+        self.write(wire_bytes(msg_id, payload), sizes, pause)
+
+    def receive(self, timeout):
+        """The next record, or None at the end of the stream; raises TimeoutError."""
+        deadline = time.monotonic() + timeout
+        while self._taken == len(self.records):
+            if self._assembly.broken or not self._read(deadline - time.monotonic()):
+                return None
+        self._taken += 1
+        return self.records[self._taken - 1]
+
+    def wait_for_bytes(self, timeout):
+        """Until there is something to read; reads nothing. Raises TimeoutError."""
+        if not select.select([self._sock], [], [], max(0, timeout))[0]:
+            raise TimeoutError("nothing received in time")
+
+    def hang_up(self):
+        """Ends the connection; what the other side sent meanwhile can still be received."""
+        self._sock.shutdown(socket.SHUT_WR)
+
+    def close(self):
+        self._sock.close()
+
+    def _read(self, timeout):
+        self.wait_for_bytes(timeout)
+        try:
+            data = self._sock.recv(1 << 16)
+        except ConnectionResetError:
+            data = b""
+        self.received += data
+        for message in self._assembly.take(data, time.monotonic()):
+            self.records += records_of(message)
+        return data
+
+
+class Client(Connection):
+    def __init__(self, port, host="127.0.0.1", receive_buffer=None):
+        sock = socket.socket()
+        if receive_buffer:
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        sock.settimeout(CONNECT_S)
+        sock.connect((host, port))
+        super().__init__(sock)
+        self.own = []                   # records that the server sent of its own accord
+        self.strays = []                # records that nothing here waits for
+        self._ids = itertools.cycle(REQUEST_IDS)
+        self._replies = {}              # request id: the reply, None until it is there
+
+    def new_id(self):
+        """The next id, for a request that the caller writes itself."""
+        msg_id = next(self._ids)
+        self._replies[msg_id] = None
+        return msg_id
+
+    def request(self, payload, sizes=(), pause=0):
+        """Sends a request; returns its id, for `reply`."""
+        msg_id = self.new_id()
+        self.send(msg_id, payload, sizes, pause)
+        return msg_id
+
+    def reply(self, msg_id, timeout):
+        """The reply to a request, whatever comes before it; None if the server closed instead."""
+        self.receive_until(lambda: self._replies[msg_id] is not None, timeout)
+        return self._replies.pop(msg_id)
+
+    def cancel(self, msg_id):
+        self._replies.pop(msg_id)
+        self.send(CANCEL, b"%04d" % msg_id)
+
+    def receive_until(self, reached, timeout):
+        """Sorts what comes, until reached() or the end of the stream; raises TimeoutError."""
+        deadline = time.monotonic() + timeout
+        while not reached():
+            record = self.receive(deadline - time.monotonic())
+            if record is None:
+                return
+            if record.msg_id in OWN_IDS:
+                self.own.append(record)
+            elif self._replies.get(record.msg_id, record) is None:
+                self._replies[record.msg_id] = record.payload
+            else:
+                self.strays.append(record)
+
+
+class Session(Connection):
+    """A client, as the server sees it."""
+
+    def __init__(self, sock):
+        super().__init__(sock)
+        self.ended = threading.Event()  # nothing more comes from the client
+        self._own_ids = itertools.cycle(OWN_IDS)
+        self._cancelled = False
+        self._latest_request = None
+
+    def serve(self, handler, timeout):
+        """Calls handler(session, record) for each request until the client is gone or silent."""
+        try:
+            while (record := self.receive(timeout)) is not None:
+                if record.msg_id == CANCEL:
+                    self._cancelled = True
+                    self._latest_request = None
+                elif record.msg_id >= min(REQUEST_IDS):
+                    self._latest_request = record.msg_id
+                    handler(self, record)
+        except OSError:
+            pass
+        self.ended.set()
+
+    def reply(self, msg_id, payload, sizes=(), pause=0):
+        """Answers a request, unless a cancel has made that unwanted."""
+        if not self._cancelled or msg_id == self._latest_request:
+            self.send(msg_id, payload, sizes, pause)
+
+    def push(self, payload):
+        self.send(next(self._own_ids), payload)
+
+    def kick(self):
+        self.write(record_bytes(CLOSE_NOTICE, b""))
+        self.hang_up()
+
+
+class Server:
+    """Serves on a free port of the loopback, each client in a thread of its own, until close()."""
+
+    def __init__(self, handler, timeout=60):
+        self.sessions = []
+        self._handler = handler
+        self._timeout = timeout
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self._listener.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def close(self):
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._listener.close()
+
+    def _accept(self):
+        try:
+            while True:
+                session = Session(self._listener.accept()[0])
+                self.sessions.append(session)
+                threading.Thread(target=session.serve, args=(self._handler, self._timeout),
+                                 daemon=True).start()
+        except OSError:
+            pass                        # close() was called

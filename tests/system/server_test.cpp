@@ -1,0 +1,456 @@
+// The commands of a server as its host sees them: starts and stops, handlers that do not come back,
+// what is refused, an exhausted heap, foreign calling manners, and the connected clients.
+#include <sys/ioctl.h>
+
+#include <cfenv>
+#include <deque>
+
+#include "system/support.h"
+
+using namespace nrpc;
+using namespace nrpc::tests;
+
+namespace {
+
+using Lifecycle = SystemTest;
+using Commands = SystemTest;
+using Clients = SystemTest;
+using Servers = std::deque<EchoServer>; // ended one after the other unless stopped together before
+
+void ExpectStopInTime(EchoServer &server) {
+    const int64_t duration = MillisecondsOf([&] { server->StopServer(); });
+    EXPECT_GE(duration, 4300);
+    EXPECT_LE(duration, kSanitized ? 12000 : 6000);
+}
+
+void StopTogether(Servers &servers) {
+    std::vector<std::jthread> threads;
+    for (EchoServer &server : servers) {
+        threads.emplace_back(ExpectStopInTime, std::ref(server));
+    }
+}
+
+} // namespace
+
+// --- starts and stops -------------------------------------------------------------------------
+
+TEST_F(Lifecycle, HandlerCallsOverlapInParallelModeOnly) {
+    const std::optional<bool> modes[] = {true, std::nullopt, false};
+    std::atomic<int> inside[3] = {};
+    std::atomic<int> met[3] = {};
+    Servers servers;
+    std::deque<Peer> peers;
+    for (size_t i = 0; i < 3; ++i) {
+        servers.emplace_back(modes[i], [&, i](auto &...) {
+            ++inside[i];
+            met[i] += Until([&] { return inside[i] > 1 || met[i] > 0; }, 0.3);
+            --inside[i];
+            return false;
+        });
+        for (int peer = 0; peer < 4; ++peer) {
+            peers.emplace_back(servers[i].Port()).Send(Message("0011", "hello"));
+        }
+    }
+    for (Peer &peer : peers) {
+        EXPECT_EQ(peer.Receive(), (Arrived{"0011", "hello"}));
+    }
+    EXPECT_EQ(met[0], 0);
+    EXPECT_EQ(met[1], 0) << "a mode left out is serial";
+    EXPECT_GT(met[2], 0);
+    StopTogether(servers);
+    for (Peer &peer : peers) {
+        EXPECT_EQ(peer.ReadToEnd(), "");
+    }
+    EXPECT_EQ(servers[0].Count(kClientDisconnected), 0U) << "a stop is no message";
+}
+
+TEST_F(Lifecycle, AStopLeavesOtherServersAloneAndTheServerStartsAgain) {
+    const int threads = TakeCensus().Threads;
+    const auto runs = [=](int count) { return TakeCensus().Threads == threads + count; };
+    Servers stopped(1);
+    EXPECT_TRUE(Until([&] { return runs(4 * (1 + 5) + 1); }));
+    Servers other(1);
+    Peer here(stopped[0].Port());
+    Peer there(other[0].Port());
+    EXPECT_EQ(here.Ask("0011", "hello"), "hello");
+    EXPECT_FALSE(stopped[0]->StartServer(FreePort(), [](HostWord) {})) << "already started";
+    EXPECT_FALSE(stopped[0]->SetPoolThreadNum(1, 1)) << "already started";
+    {
+        std::atomic<bool> ended = false;
+        const std::jthread stop([&] { StopTogether(stopped), ended = true; });
+        while (!ended) {
+            EXPECT_EQ(there.Ask("0011", "hello"), "hello");
+            EXPECT_EQ(Peer(other[0].Port()).Ask("0011", "newcomer"), "newcomer");
+        }
+    }
+    EXPECT_EQ(here.ReadToEnd(), "");
+    EXPECT_LT(MillisecondsOf([&] { stopped[0]->StopServer(); }), 2000) << "already stopped";
+    StopTogether(other);
+    EXPECT_TRUE(stopped[0]->SetPoolThreadNum(1, 1));
+    for (const auto &[least, greatest] : {std::pair(0, 5), {6, 5}, {-1, -1}, {INT32_MIN, 1}}) {
+        EXPECT_FALSE(stopped[0]->SetPoolThreadNum(least, greatest));
+    }
+    stopped[0].Start(true);
+    EXPECT_TRUE(Until([&] { return runs(4 * (1 + 1) + 1); })) << "the sizes were kept";
+    EXPECT_EQ(Peer(stopped[0].Port()).Ask("0011", "hello"), "hello");
+    EXPECT_GE(MillisecondsOf([&] { stopped[0]->Release(); }), 4000) << "stops first";
+}
+
+TEST_F(Lifecycle, AFailedStartLeavesNothingAndAGoodOneWorksAfterIt) {
+    Servers servers(2);
+    ExpectStopInTime(servers[0]);
+    const Census before = TakeCensus();
+    for (const int32_t port : {servers[1].Port(), 65536, -1, INT32_MIN, FreePort() | 1 << 16}) {
+        EXPECT_FALSE(servers[0]->StartServer(port, [](HostWord) {})) << port;
+    }
+    EXPECT_FALSE(servers[0]->StartServer(FreePort(), HostWord{0})) << "no handler";
+    EXPECT_EQ(servers[0]->GetClientCount(), -1);
+    ExpectBack(before, 4096, 100);
+    servers[0].Start(false);
+    EXPECT_EQ(Peer(servers[0].Port()).Ask("0011", "hello"), "hello");
+    StopTogether(servers);
+}
+
+TEST_F(Lifecycle, AServerCanBeStoppedOrReleasedFromInsideItsHandler) {
+    std::atomic<int> entered = 0;
+    std::atomic<int> finished = 0;
+    const EchoServer::Hook stop = [&](Server &server, const Event &event) {
+        entered += event.Text != "hello";
+        if (event.Text != "hello") {
+            event.Text == "release" ? server.Release() : server.StopServer();
+            ++finished;
+        }
+        return false;
+    };
+    Servers servers;
+    std::deque<Peer> peers;
+    for (const bool serial : {true, false, false, true}) {
+        servers.emplace_back(serial, stop);
+        peers.emplace_back(servers.back().Port())
+            .Send(Message("0011", servers.size() < 4 ? "stop" : "release"));
+    }
+    EXPECT_TRUE(Until([&] { return entered == 4; }));
+    servers[2]->StopServer(); // from outside as well
+    EXPECT_TRUE(Until([&] { return finished == 4; }));
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(peers[i].ReadToEnd(), "");
+        EXPECT_EQ(servers[i]->GetClientCount(), -1);
+    }
+    servers.pop_back();
+    for (EchoServer &server : servers) {
+        server.Start(true);
+        EXPECT_EQ(Peer(server.Port()).Ask("0011", "hello"), "hello");
+    }
+    StopTogether(servers);
+}
+
+// --- handlers still inside when the stop runs -------------------------------------------------
+
+namespace {
+
+std::mutex s_Held;
+std::atomic<bool> s_LetGo;
+
+struct Overdue {
+    const char *Name;
+    void (*Stay)(Server &server);
+};
+const Overdue kOverdue[] = {
+    {"Sleeps", [](Server &) { sleep(1000); }},
+    {"Spins", [](Server &) { asm volatile("1: jmp 1b"); }},
+    {"WaitsForAMutex", [](Server &) { const std::lock_guard<std::mutex> guard(s_Held); }},
+    {"EndsItsThread", [](Server &) { pthread_exit(nullptr); }},
+    {"CallsCommands",
+     [](Server &server) {
+         while (!server.SendText(server.GetClientCount(), "nobody")) {
+             server.GetAllClient();
+         }
+     }},
+    {"CannotBeCancelled",
+     [](Server &) {
+         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+         Until([] { return s_LetGo.load(); }, 1000);
+     }},
+};
+
+class CancelOverdue : public SystemTest, public testing::WithParamInterface<Overdue> {};
+
+} // namespace
+
+TEST_P(CancelOverdue, StopReturnsInItsTimeAndTheServerServesAgain) {
+    Servers servers; // outlive what is left behind
+    std::deque<Peer> peers;
+    std::unique_lock<std::mutex> held(s_Held);
+    for (const Manner manner : {kManners[0], kManners[std::size(kManners) - 1]}) {
+        for (const bool serial : {true, false}) {
+            const EchoServer::Hook stay = [](Server &server, const Event &event) {
+                if (event.Text == "stay") {
+                    GetParam().Stay(server);
+                }
+                return event.Text == "stay";
+            };
+            EchoServer &server = servers.emplace_back(serial, stay, manner);
+            peers.emplace_back(server.Port()).Send(Message("0011", "stay"));
+            EXPECT_TRUE(Until([&] { return server.Count(kRequest, "stay") == 1; }));
+            if (!serial || std::string_view(GetParam().Name) == "EndsItsThread") {
+                EXPECT_EQ(peers.back().Ask("0012", "hello"), "hello");
+            }
+        }
+    }
+    StopTogether(servers);
+    for (size_t i = 0; i < servers.size(); ++i) {
+        EXPECT_EQ(peers[i].ReadToEnd(), "");
+        servers[i].Start(i % 2 == 0);
+        EXPECT_EQ(Peer(servers[i].Port()).Ask("0011", "hello"), "hello");
+    }
+    StopTogether(servers);
+    s_LetGo = true;
+    held.unlock();
+    peers.clear();
+    ExpectNothingLeft();
+}
+
+INSTANTIATE_TEST_SUITE_P(Handler, CancelOverdue, testing::ValuesIn(kOverdue),
+                         [](const auto &test) { return std::string(test.param.Name); });
+
+// --- what is refused --------------------------------------------------------------------------
+
+namespace {
+
+// Calls that must fail, on variables that they must leave alone.
+struct Refusals {
+    explicit Refusals(Server &server) : Host(server) {}
+    ~Refusals() {
+        EXPECT_EQ(Text.Get() + Code.Get(), "textcode");
+        EXPECT_EQ(Content.Get(), Bytes{7});
+        EXPECT_EQ(Number.Get(), 7);
+        EXPECT_EQ(Numbers.Get(), std::vector<int32_t>{7});
+    }
+    void Call(std::string_view command, std::initializer_list<Value> args) {
+        const Library &library = TheLibrary();
+        const uint32_t type = library.Info().Commands[library.CommandIndex(command)].ReturnType;
+        const bool isLogical = type == kLogical && command != "ServerSetTimeout";
+        const CallResult result = Host.Call(command, args);
+        EXPECT_EQ(result.Number, isLogical          ? 0
+                                 : type == kInteger ? -1
+                                                    : kUntouchedNumber)
+            << command;
+        EXPECT_FALSE(result.WrittenBeyond) << command;
+    }
+    void CallForMessage(HostWord message, const Value &code, const Value &text,
+                        const Value &content, const Value &number) {
+        Call("GetRequestText", {Value::Address(message), code, text});
+        Call("GetRequestBin", {Value::Address(message), code, content});
+        Call("GetClientHandle", {Value::Address(message), number});
+    }
+    void CallForMessageZero() {
+        CallForMessage(0, Value::Output(Code), Value::Output(Text), Value::Output(Content),
+                       Value::Output(Number));
+        Call("GetMsgKind", {Value::Address(0)});
+    }
+    void CallForHandle(int32_t handle) {
+        CallSend(Value::Integer(handle));
+        Call("GetClientIPAddr", {Value::Integer(handle), Value::Output(Text)});
+        Call("Disconnect", {Value::Integer(handle)});
+    }
+    void CallSend(const Value &to) {
+        Call("SendText", {to, Value::Text("good")});
+        Call("SendBinary", {to, Value::ByteSet(BytesOf("good"))});
+    }
+
+    Server &Host;
+    TextVariable Text{TheHeap(), "text"};
+    TextVariable Code{TheHeap(), "code"};
+    ByteSetVariable Content{TheHeap(), Bytes{7}};
+    IntegerVariable Number{TheHeap(), 7};
+    IntegerArrayVariable Numbers{TheHeap(), {7}};
+};
+
+} // namespace
+
+TEST_F(Commands, AnObjectThatIsNotStartedOrNotAliveRefusesEverything) {
+    Server neverConstructed(TheLibrary(), kNeverConstructed);
+    Server released(TheLibrary());
+    Server created(TheLibrary()); // before the other's address is free again
+    released.Release();
+    for (Server *server : {&neverConstructed, &released, &created}) {
+        const Heap::Calls before = TheHeap().CallCounts();
+        Refusals refuse(*server);
+        refuse.CallForMessageZero();
+        refuse.CallForHandle(0);
+        refuse.Call("GetClientCount", {});
+        refuse.Call("GetAllClient", {Value::Output(refuse.Numbers)});
+        refuse.Call("StopServer", {});
+        refuse.Call("ServerSetTimeout", {});
+        if (server != &created) {
+            refuse.Call("SetPoolThreadNum", {Value::Integer(5), Value::Integer(20)});
+            refuse.Call("StartServer",
+                        {Value::Integer(FreePort()), Value::Subroutine(1U), Value::Omitted()});
+            refuse.Call("ServerRelease", {});
+        }
+        EXPECT_EQ(TheHeap().CallCounts().Free, before.Free);
+        EXPECT_EQ(TheHeap().CallCounts().FreeArray, before.FreeArray);
+    }
+}
+
+TEST_F(Commands, BadArgumentsAreRefusedAndChangeNothing) {
+    EchoServer server(false, [](Server &host, const Event &event) {
+        Refusals refuse(host);
+        const std::string handle = std::to_string(event.Handle);
+        const std::string beyond = std::to_string(event.Handle + (int64_t{1} << 32));
+        for (const std::string &code :
+             {std::string(), std::string("#"), std::string("#0011"), handle, handle + "#",
+              handle + "#001", "x" + handle + "#0011", " " + handle + "#0011",
+              "-" + handle + "#0011", "+" + handle + "#0011", handle + " #0011", beyond + "#0011",
+              "0000000000" + handle + "#0011", handle + "1#0011"}) {
+            refuse.CallSend(Value::Text(code));
+        }
+        refuse.CallSend(Value::NullText());
+        for (const TypeCode type : {kNoType, kLogical, kByteSet, kAnyType, kSubroutinePointer}) {
+            refuse.CallSend(Value::Any(static_cast<HostWord>(event.Handle), type));
+        }
+        for (const int32_t unknown : {0, -1, 65535, INT32_MAX, event.Handle + 1}) {
+            refuse.CallForHandle(unknown);
+        }
+        const Value to = Value::Text(event.Code);
+        for (const Value &text : {Value::NullText(), Value::Text("")}) {
+            refuse.Call("SendText", {to, text});
+        }
+        for (const Value &bytes :
+             {Value::NullByteSet(), Value::ByteSet({}), Value::WrongByteSet(0, 1, BytesOf("g")),
+              Value::WrongByteSet(2, 1, BytesOf("g")), Value::WrongByteSet(1, -1, BytesOf("g"))}) {
+            refuse.Call("SendBinary", {to, bytes});
+        }
+        refuse.CallForMessageZero();
+        const Value nowhere = Value::Any(0, kInteger);
+        refuse.CallForMessage(event.Message, Value::Output(refuse.Code), nowhere, nowhere, nowhere);
+        refuse.CallForMessage(event.Message, nowhere, Value::Output(refuse.Text),
+                              Value::Output(refuse.Content), nowhere);
+        refuse.Call("GetClientIPAddr", {Value::Integer(event.Handle), nowhere});
+        refuse.Call("GetAllClient", {nowhere});
+        return host.SendText(event.Code + "34", "long codes are cut");
+    });
+    EXPECT_EQ(Peer(server.Port()).Ask("0012", "hello"), "long codes are cut");
+}
+
+// Each allocation of a command in turn yields null, once and for ever.
+TEST_F(Commands, AnExhaustedHostHeapMakesCommandsFailAndLosesNothing) {
+    EchoServer server(true, [](Server &host, const Event &event) {
+        const auto exhaust = [](int allocations, auto command) {
+            for (int i = 0; i < 2 * (allocations + 1); ++i) {
+                TextVariable text(TheHeap(), "text");
+                TextVariable code(TheHeap(), "code");
+                ByteSetVariable content(TheHeap(), Bytes{7});
+                IntegerArrayVariable numbers(TheHeap(), {7});
+                TheHeap().FailAllocation(static_cast<uint64_t>(1 + i / 2), i % 2 == 1);
+                const Value out[] = {Value::Output(code), Value::Output(text),
+                                     Value::Output(content), Value::Output(numbers)};
+                const CallResult result = command(out);
+                TheHeap().StopFailing();
+                EXPECT_EQ(result.Number, i / 2 == allocations) << allocations << "/" << i;
+                // Violations, if they hold what is no value.
+                text.Get(), code.Get(), content.Get(), numbers.Get();
+            }
+        };
+        const Value message = Value::Address(event.Message);
+        exhaust(2, [&](const Value *out) {
+            return host.Call("GetRequestText", {message, out[0], out[1]});
+        });
+        exhaust(2, [&](const Value *out) {
+            return host.Call("GetRequestBin", {message, out[0], out[2]});
+        });
+        exhaust(1, [&](const Value *out) { return host.Call("GetAllClient", {out[3]}); });
+        exhaust(1, [&](const Value *out) {
+            return host.Call("GetClientIPAddr", {Value::Integer(event.Handle), out[1]});
+        });
+        return false;
+    });
+    EXPECT_EQ(Peer(server.Port()).Ask("0011", "hello"), "hello");
+}
+
+// Handlers and the host's service that pop their argument or spoil what they should keep.
+TEST_F(Commands, WorkInEveryMannerOfCallingAndAtEveryStackOffset) {
+    Servers servers;
+    for (const Manner manner : kManners) {
+        const EchoServer::Hook useAll = [](Server &host, const Event &event) {
+            return host.GetClientIPAddr(event.Handle) == kLoopback &&
+                   !host.GetAllClient()->empty() && host.GetClientCount() > 0 &&
+                   host.GetRequestText(event.Message)->Text == "hello" &&
+                   host.SendText(event.Code, "all") &&
+                   host.SendBinary(event.Handle, BytesOf("push"));
+        };
+        servers.emplace_back(true, useAll, manner);
+    }
+    for (const Manner manner : kManners) {
+        const Library again(NRPC_LIBRARY, TheHeap(), Library::kHandOverService, manner);
+        for (const int offset : {0, 4, 8, 12}) {
+            TheLibrary().SetStackOffset(offset);
+            EXPECT_TRUE(Server(TheLibrary()).SetPoolThreadNum(1, 1));
+            for (EchoServer &server : servers) {
+                EXPECT_EQ(Peer(server.Port()).Ask("0011", "hello"), "all");
+                EXPECT_FALSE(server->GetAllClient()->empty() && server->GetClientCount() > 1);
+                EXPECT_EQ(std::fegetround(), FE_TONEAREST) << "the service left it changed";
+            }
+        }
+        TheLibrary().HandOverService();
+    }
+    StopTogether(servers);
+}
+
+// --- connected clients ------------------------------------------------------------------------
+
+TEST_F(Clients, AreCountedListedAddressedPushedToAndDisconnectedByHandle) {
+    EchoServer server;
+    const auto all = [&] { return server->GetAllClient().value(); };
+    EXPECT_EQ(server->GetClientCount(), 0);
+    EXPECT_EQ(all(), std::vector<int32_t>());
+    // They are listed as they came until the first one is served again, some 100 ms later.
+    EXPECT_TRUE(Until([&] {
+        const int64_t begin = NowMs();
+        std::deque<Peer> peers;
+        std::vector<int32_t> lists[4];
+        for (size_t count = 1; count <= 3; ++count) {
+            peers.emplace_back(server.Port());
+            EXPECT_TRUE(Until([&] { return (lists[count] = all()).size() == count; }));
+        }
+        const bool inTime = NowMs() - begin < 80;
+        const std::vector<int32_t> inOrder = {lists[1][0], lists[2][1], lists[3][2]};
+        EXPECT_TRUE(!inTime || lists[3] == inOrder);
+        peers.clear();
+        EXPECT_TRUE(Until([&] { return server->GetClientCount() == 0; }));
+        return inTime;
+    })) << "this machine is too slow to see it";
+
+    Peer first(server.Port());
+    EXPECT_EQ(first.Ask("0011", "hello"), "hello");
+    const int32_t handle = all().at(0);
+    EXPECT_EQ(server->GetClientIPAddr(handle), kLoopback);
+    for (const char *id : {"0006", "0007", "0008", "0009", "0005", "0006"}) {
+        EXPECT_TRUE(server->SendText(handle, "push"));
+        EXPECT_EQ(first.Receive(), (Arrived{id, "push"}));
+    }
+    Peer second(server.Port());
+    EXPECT_TRUE(Until([&] { return server->GetClientCount() == 2; }));
+    server->Disconnect(second.Descriptor()); // an open descriptor, but no handle
+    server->Disconnect(handle);
+    EXPECT_EQ(first.ReadToEnd(), "<Msg0000>0</Msg0000>");
+    EXPECT_FALSE(server->SendText(handle, "late"));
+    EXPECT_EQ(second.Ask("0011", "hello"), "hello");
+
+    const int32_t stuck = all().at(0); // never reads what comes now
+    EXPECT_TRUE(server->SendText(stuck, Pattern(32U << 20)));
+    int waiting = 0;
+    EXPECT_TRUE(Until([&] {
+        const int before = waiting;
+        ioctl(second.Descriptor(), FIONREAD, &waiting);
+        usleep(200000);
+        return waiting > 0 && waiting == before;
+    }));
+    const int64_t duration = MillisecondsOf([&] { server->Disconnect(stuck); });
+    EXPECT_GE(duration, 800) << "about a second";
+    EXPECT_LE(duration, 5000);
+    EXPECT_EQ(server->GetClientCount(), 0);
+    EXPECT_TRUE(second.ReadToEnd());
+    const auto count = [&](int32_t kind) { return server.Count(kind); };
+    EXPECT_TRUE(Until([&] { return count(kClientDisconnected) == count(kClientConnected); }));
+}

@@ -23,8 +23,10 @@ check() {
 }
 
 format() {
-    find src tools tests fuzz -name '*.h' -print0 -o -name '*.cpp' -print0 |
-        xargs -0 clang-format --dry-run -Werror
+    local sources
+    mapfile -t sources < <(find src tools tests fuzz -name '*.h' -o -name '*.cpp')
+    clang-format --dry-run -Werror "${sources[@]}" || return 1
+    ! LC_ALL=C.UTF-8 grep -nE '^.{101}' "${sources[@]}"
 }
 
 tidy() {

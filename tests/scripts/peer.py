@@ -1,10 +1,7 @@
 """peer.py: a client and a server of the protocol in docs/protocol.md, written from that page alone.
 
-It shares nothing with the library, so that a fault of one side cannot hide behind the same fault of
-the other. From the bottom up: functions from messages to bytes and back; Assembly, which puts packets
-together and knows no socket; Connection, which adds one; Client, Session and Server, which add the ids.
-
-Message ids are ints here, payloads are bytes. Every wait takes a time limit in seconds.
+It shares nothing with the library, so that a fault of one side cannot hide behind the same fault
+of the other. Message ids are ints here, payloads are bytes, times are seconds.
 """
 import collections
 import itertools
@@ -22,8 +19,7 @@ MAX_MESSAGE_LEN = 256 << 20
 MAX_CHUNKS = 65536
 MIN_RECORD_LEN = 20
 HALF_MESSAGE_S = 21               # without a byte, then it is thrown away
-CONNECT_S = 5
-WRITE_S = 30                      # without progress, then a write fails
+SOCKET_S = 30                     # for connecting, or without progress of a write
 
 CLOSE_NOTICE = 0
 CANCEL = 1
@@ -57,17 +53,6 @@ def wire_bytes(msg_id, payload):
     return message_bytes(msg_id, record_bytes(msg_id, payload))
 
 
-def pieces_of(data, sizes):
-    """Cuts data into pieces of the sizes that the iterable gives; the rest after its end is one."""
-    at = 0
-    for size in itertools.chain(sizes, [len(data)]):
-        if at < len(data):
-            yield data[at:at + size]
-            at += size
-        else:
-            return
-
-
 # --- bytes to messages ---
 
 def records_of(message):
@@ -77,15 +62,13 @@ def records_of(message):
         digits = message[9:].partition(b"<")[0]
         if digits and not digits.isdigit():
             break
-        start = 9 + len(digits) + 10
         count = int(digits or b"0")
+        start = 9 + len(digits) + 10
         if count > len(message) - start:
             break
         msg_id = int(message[4:8]) if message[4:8].isdigit() else NO_ID
         records.append(Record(msg_id, message[start:start + count]))
-        if count == 0:
-            break
-        message = message[start + count:]
+        message = message[start + count:] if count > 0 else b""
     return records
 
 
@@ -106,14 +89,14 @@ class Assembly:
         self._last_take = now
         self._held += data
         messages = []
-        packets = 0
+        first = True
         try:
-            for packet in iter(self._take_packet, None):
-                packets += 1
+            while packet := self._take_packet():
                 messages += self._add(*packet)
+                first = False
         except ValueError:
             self._discard()
-            self.broken = packets > 0
+            self.broken = not first
         return messages
 
     def _take_packet(self):
@@ -155,23 +138,28 @@ class Connection:
 
     def __init__(self, sock):
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        sock.settimeout(WRITE_S)
-        self.received = bytearray()     # every byte that ever came
-        self.records = []               # every record that ever came
+        sock.settimeout(SOCKET_S)
+        self.received = bytearray()     # every byte that ever came ...
+        self.records = []               # ... and every record
         self._sock = sock
         self._taken = 0                 # how many of them `receive` has given away
         self._assembly = Assembly()
         self._write_lock = threading.Lock()
 
     def write(self, data, sizes=(), pause=0):
-        """Writes bytes as they are, in pieces of these sizes (see pieces_of), pausing after each."""
+        """Writes bytes as they are, in pieces of these sizes (what is left then is one piece) with
+        a pause after each. All that sends can be given such pacing."""
+        rest = memoryview(data)
+        sizes = iter(sizes)
         with self._write_lock:
-            for piece in pieces_of(data, sizes):
-                self._sock.sendall(piece)
+            while rest:
+                size = next(sizes, len(rest))
+                self._sock.sendall(rest[:size])
+                rest = rest[size:]
                 time.sleep(pause)
 
-    def send(self, msg_id, payload, sizes=(), pause=0):
-        self.write(wire_bytes(msg_id, payload), sizes, pause)
+    def send(self, msg_id, payload, **pacing):
+        self.write(wire_bytes(msg_id, payload), **pacing)
 
     def receive(self, timeout):
         """The next record, or None at the end of the stream; raises TimeoutError."""
@@ -183,7 +171,7 @@ class Connection:
         return self.records[self._taken - 1]
 
     def wait_for_bytes(self, timeout):
-        """Until there is something to read; reads nothing. Raises TimeoutError."""
+        """Until there is something to read; raises TimeoutError."""
         if not select.select([self._sock], [], [], max(0, timeout))[0]:
             raise TimeoutError("nothing received in time")
 
@@ -207,28 +195,23 @@ class Connection:
 
 
 class Client(Connection):
-    def __init__(self, port, host="127.0.0.1", receive_buffer=None):
-        sock = socket.socket()
-        if receive_buffer:
-            sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        sock.settimeout(CONNECT_S)
-        sock.connect((host, port))
-        super().__init__(sock)
+    def __init__(self, port):
+        super().__init__(socket.create_connection(("127.0.0.1", port), SOCKET_S))
         self.own = []                   # records that the server sent of its own accord
         self.strays = []                # records that nothing here waits for
         self._ids = itertools.cycle(REQUEST_IDS)
         self._replies = {}              # request id: the reply, None until it is there
 
     def new_id(self):
-        """The next id, for a request that the caller writes itself."""
+        """The id of a request that the caller writes itself."""
         msg_id = next(self._ids)
         self._replies[msg_id] = None
         return msg_id
 
-    def request(self, payload, sizes=(), pause=0):
-        """Sends a request; returns its id, for `reply`."""
+    def request(self, payload, **pacing):
+        """Sends a request; returns its id."""
         msg_id = self.new_id()
-        self.send(msg_id, payload, sizes, pause)
+        self.send(msg_id, payload, **pacing)
         return msg_id
 
     def reply(self, msg_id, timeout):
@@ -246,7 +229,7 @@ class Client(Connection):
         while not reached():
             record = self.receive(deadline - time.monotonic())
             if record is None:
-                return
+                break
             if record.msg_id in OWN_IDS:
                 self.own.append(record)
             elif self._replies.get(record.msg_id, record) is None:
@@ -275,14 +258,14 @@ class Session(Connection):
                 elif record.msg_id >= min(REQUEST_IDS):
                     self._latest_request = record.msg_id
                     handler(self, record)
-        except OSError:
-            pass
+        except (OSError, ValueError):
+            pass                        # silent, or gone while the handler was at work
         self.ended.set()
 
-    def reply(self, msg_id, payload, sizes=(), pause=0):
+    def reply(self, msg_id, payload, **pacing):
         """Answers a request, unless a cancel has made that unwanted."""
         if not self._cancelled or msg_id == self._latest_request:
-            self.send(msg_id, payload, sizes, pause)
+            self.send(msg_id, payload, **pacing)
 
     def push(self, payload):
         self.send(next(self._own_ids), payload)

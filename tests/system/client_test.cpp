@@ -164,7 +164,7 @@ TEST_F(SynchronousClient, TakesNothingButTheSoundReplyToItsRequest) {
     for (const std::string &wire :
          {Framed("0999", Record("####", "reply")),
           Framed("####", Record("0999", "other") + Record("####", "reply") + "trailer"),
-          split.substr(0, 40) + Message("####", "reply", 1),
+          split.substr(0, 40) + Message("####", "reply", 13),
           Message("####", "reply") + garbage}) { // the connection is over then
         EXPECT_EQ(Ask(peer, wire), "reply") << wire;
     }

@@ -14,8 +14,7 @@ namespace {
 
 using Lifecycle = SystemTest;
 using Commands = SystemTest;
-using Clients = SystemTest;
-using Servers = std::deque<EchoServer>; // ended one after the other unless stopped together before
+using Servers = std::deque<EchoServer>;
 
 void ExpectStopInTime(EchoServer &server) {
     const int64_t duration = MillisecondsOf([&] { server->StopServer(); });
@@ -40,16 +39,17 @@ TEST_F(Lifecycle, HandlerCallsOverlapInParallelModeOnly) {
     std::atomic<int> met[3] = {};
     Servers servers;
     std::deque<Peer> peers;
-    for (size_t i = 0; i < 3; ++i) {
-        servers.emplace_back(modes[i], [&, i](auto &...) {
-            ++inside[i];
-            met[i] += Until([&] { return inside[i] > 1 || met[i] > 0; }, 0.3);
-            --inside[i];
-            return false;
-        });
-        for (int peer = 0; peer < 4; ++peer) {
-            peers.emplace_back(servers[i].Port()).Send(Message("0011", "hello"));
+    for (size_t i = 0; i < 12; ++i) { // four of each
+        if (i % 4 == 0) {
+            servers.emplace_back(modes[i / 4],
+                                 [&inside = inside[i / 4], &met = met[i / 4]](auto &...) {
+                                     ++inside;
+                                     met += Until([&] { return inside > 1 || met > 0; }, 0.3);
+                                     --inside;
+                                     return false;
+                                 });
         }
+        peers.emplace_back(servers.back().Port()).Send(Message("0011", "hello"));
     }
     for (Peer &peer : peers) {
         EXPECT_EQ(peer.Receive(), (Arrived{"0011", "hello"}));
@@ -58,9 +58,6 @@ TEST_F(Lifecycle, HandlerCallsOverlapInParallelModeOnly) {
     EXPECT_EQ(met[1], 0) << "a mode left out is serial";
     EXPECT_GT(met[2], 0);
     StopTogether(servers);
-    for (Peer &peer : peers) {
-        EXPECT_EQ(peer.ReadToEnd(), "");
-    }
     EXPECT_EQ(servers[0].Count(kClientDisconnected), 0U) << "a stop is no message";
 }
 
@@ -75,59 +72,49 @@ TEST_F(Lifecycle, AStopLeavesOtherServersAloneAndTheServerStartsAgain) {
     EXPECT_EQ(here.Ask("0011", "hello"), "hello");
     EXPECT_FALSE(stopped[0]->StartServer(FreePort(), [](HostWord) {})) << "already started";
     EXPECT_FALSE(stopped[0]->SetPoolThreadNum(1, 1)) << "already started";
-    {
-        std::atomic<bool> ended = false;
-        const std::jthread stop([&] { StopTogether(stopped), ended = true; });
-        while (!ended) {
-            EXPECT_EQ(there.Ask("0011", "hello"), "hello");
-            EXPECT_EQ(Peer(other[0].Port()).Ask("0011", "newcomer"), "newcomer");
-        }
+    std::atomic<bool> ended = false;
+    std::jthread stop([&] { StopTogether(stopped), ended = true; });
+    while (!ended) {
+        EXPECT_EQ(there.Ask("0011", "hello"), "hello");
+        EXPECT_EQ(Peer(other[0].Port()).Ask("0011", "newcomer"), "newcomer");
     }
     EXPECT_EQ(here.ReadToEnd(), "");
     EXPECT_LT(MillisecondsOf([&] { stopped[0]->StopServer(); }), 2000) << "already stopped";
-    StopTogether(other);
+    stop = {};
+
+    const Census before = TakeCensus();
+    const int32_t taken = other[0].Port();
+    for (const int32_t port : {taken, 65536, -1, INT32_MIN, FreePort() | 1 << 16}) {
+        EXPECT_FALSE(stopped[0]->StartServer(port, [](HostWord) {})) << port;
+    }
+    EXPECT_FALSE(stopped[0]->StartServer(FreePort(), HostWord{0})) << "no handler";
+    ExpectBack(before, 4096, 100);
     EXPECT_TRUE(stopped[0]->SetPoolThreadNum(1, 1));
     for (const auto &[least, greatest] : {std::pair(0, 5), {6, 5}, {-1, -1}, {INT32_MIN, 1}}) {
         EXPECT_FALSE(stopped[0]->SetPoolThreadNum(least, greatest));
     }
+    StopTogether(other);
     stopped[0].Start(true);
     EXPECT_TRUE(Until([&] { return runs(4 * (1 + 1) + 1); })) << "the sizes were kept";
     EXPECT_EQ(Peer(stopped[0].Port()).Ask("0011", "hello"), "hello");
     EXPECT_GE(MillisecondsOf([&] { stopped[0]->Release(); }), 4000) << "stops first";
 }
 
-TEST_F(Lifecycle, AFailedStartLeavesNothingAndAGoodOneWorksAfterIt) {
-    Servers servers(2);
-    ExpectStopInTime(servers[0]);
-    const Census before = TakeCensus();
-    for (const int32_t port : {servers[1].Port(), 65536, -1, INT32_MIN, FreePort() | 1 << 16}) {
-        EXPECT_FALSE(servers[0]->StartServer(port, [](HostWord) {})) << port;
-    }
-    EXPECT_FALSE(servers[0]->StartServer(FreePort(), HostWord{0})) << "no handler";
-    EXPECT_EQ(servers[0]->GetClientCount(), -1);
-    ExpectBack(before, 4096, 100);
-    servers[0].Start(false);
-    EXPECT_EQ(Peer(servers[0].Port()).Ask("0011", "hello"), "hello");
-    StopTogether(servers);
-}
-
 TEST_F(Lifecycle, AServerCanBeStoppedOrReleasedFromInsideItsHandler) {
     std::atomic<int> entered = 0;
     std::atomic<int> finished = 0;
-    const EchoServer::Hook stop = [&](Server &server, const Event &event) {
-        entered += event.Text != "hello";
-        if (event.Text != "hello") {
-            event.Text == "release" ? server.Release() : server.StopServer();
-            ++finished;
-        }
-        return false;
-    };
     Servers servers;
     std::deque<Peer> peers;
-    for (const bool serial : {true, false, false, true}) {
-        servers.emplace_back(serial, stop);
-        peers.emplace_back(servers.back().Port())
-            .Send(Message("0011", servers.size() < 4 ? "stop" : "release"));
+    for (const char *text : {"stop", "stop", "stop", "release"}) {
+        servers.emplace_back(servers.size() % 2 == 1, [&](Server &server, const Event &event) {
+            entered += event.Text != "hello";
+            if (event.Text != "hello") {
+                event.Text == "release" ? server.Release() : server.StopServer();
+                ++finished;
+            }
+            return false;
+        });
+        peers.emplace_back(servers.back().Port()).Send(Message("0011", text));
     }
     EXPECT_TRUE(Until([&] { return entered == 4; }));
     servers[2]->StopServer(); // from outside as well
@@ -178,27 +165,26 @@ class CancelOverdue : public SystemTest, public testing::WithParamInterface<Over
 } // namespace
 
 TEST_P(CancelOverdue, StopReturnsInItsTimeAndTheServerServesAgain) {
+    const auto stay = [](Server &server, const Event &event) {
+        const bool stays = event.Text == "stay";
+        stays ? GetParam().Stay(server) : void();
+        return stays;
+    };
     Servers servers; // outlive what is left behind
     std::deque<Peer> peers;
     std::unique_lock<std::mutex> held(s_Held);
-    for (const Manner manner : {kManners[0], kManners[std::size(kManners) - 1]}) {
-        for (const bool serial : {true, false}) {
-            const EchoServer::Hook stay = [](Server &server, const Event &event) {
-                if (event.Text == "stay") {
-                    GetParam().Stay(server);
-                }
-                return event.Text == "stay";
-            };
-            EchoServer &server = servers.emplace_back(serial, stay, manner);
-            peers.emplace_back(server.Port()).Send(Message("0011", "stay"));
-            EXPECT_TRUE(Until([&] { return server.Count(kRequest, "stay") == 1; }));
-            if (!serial || std::string_view(GetParam().Name) == "EndsItsThread") {
-                EXPECT_EQ(peers.back().Ask("0012", "hello"), "hello");
-            }
+    for (size_t i = 0; i < 4; ++i) {
+        const bool serial = i % 2 == 0;
+        const Manner manner = kManners[i / 2 * (std::size(kManners) - 1)];
+        EchoServer &server = servers.emplace_back(serial, stay, manner);
+        peers.emplace_back(server.Port()).Send(Message("0011", "stay"));
+        EXPECT_TRUE(Until([&] { return server.Count(kRequest, "stay") == 1; }));
+        if (!serial || GetParam().Name == std::string("EndsItsThread")) {
+            EXPECT_EQ(peers[i].Ask("0012", "hello"), "hello");
         }
     }
     StopTogether(servers);
-    for (size_t i = 0; i < servers.size(); ++i) {
+    for (size_t i = 0; i < 4; ++i) {
         EXPECT_EQ(peers[i].ReadToEnd(), "");
         servers[i].Start(i % 2 == 0);
         EXPECT_EQ(Peer(servers[i].Port()).Ask("0011", "hello"), "hello");
@@ -243,7 +229,7 @@ struct Refusals {
         Call("GetRequestBin", {Value::Address(message), code, content});
         Call("GetClientHandle", {Value::Address(message), number});
     }
-    void CallForMessageZero() {
+    void CallForNoMessage() {
         CallForMessage(0, Value::Output(Code), Value::Output(Text), Value::Output(Content),
                        Value::Output(Number));
         Call("GetMsgKind", {Value::Address(0)});
@@ -268,15 +254,15 @@ struct Refusals {
 
 } // namespace
 
-TEST_F(Commands, AnObjectThatIsNotStartedOrNotAliveRefusesEverything) {
+TEST_F(Commands, OfAnObjectNotStartedOrNotAliveRefuseEverything) {
     Server neverConstructed(TheLibrary(), kNeverConstructed);
     Server released(TheLibrary());
     Server created(TheLibrary()); // before the other's address is free again
     released.Release();
     for (Server *server : {&neverConstructed, &released, &created}) {
-        const Heap::Calls before = TheHeap().CallCounts();
+        const uint64_t freed = TheHeap().CallCounts().Free + TheHeap().CallCounts().FreeArray;
         Refusals refuse(*server);
-        refuse.CallForMessageZero();
+        refuse.CallForNoMessage();
         refuse.CallForHandle(0);
         refuse.Call("GetClientCount", {});
         refuse.Call("GetAllClient", {Value::Output(refuse.Numbers)});
@@ -284,27 +270,26 @@ TEST_F(Commands, AnObjectThatIsNotStartedOrNotAliveRefusesEverything) {
         refuse.Call("ServerSetTimeout", {});
         if (server != &created) {
             refuse.Call("SetPoolThreadNum", {Value::Integer(5), Value::Integer(20)});
-            refuse.Call("StartServer",
-                        {Value::Integer(FreePort()), Value::Subroutine(1U), Value::Omitted()});
+            const Value port = Value::Integer(FreePort());
+            refuse.Call("StartServer", {port, Value::Subroutine(1U), Value::Omitted()});
             refuse.Call("ServerRelease", {});
         }
-        EXPECT_EQ(TheHeap().CallCounts().Free, before.Free);
-        EXPECT_EQ(TheHeap().CallCounts().FreeArray, before.FreeArray);
+        EXPECT_EQ(TheHeap().CallCounts().Free + TheHeap().CallCounts().FreeArray, freed);
     }
 }
 
-TEST_F(Commands, BadArgumentsAreRefusedAndChangeNothing) {
+TEST_F(Commands, RefuseBadArgumentsAndChangeNothing) {
     EchoServer server(false, [](Server &host, const Event &event) {
         Refusals refuse(host);
         const std::string handle = std::to_string(event.Handle);
-        const std::string beyond = std::to_string(event.Handle + (int64_t{1} << 32));
-        for (const std::string &code :
-             {std::string(), std::string("#"), std::string("#0011"), handle, handle + "#",
-              handle + "#001", "x" + handle + "#0011", " " + handle + "#0011",
-              "-" + handle + "#0011", "+" + handle + "#0011", handle + " #0011", beyond + "#0011",
-              "0000000000" + handle + "#0011", handle + "1#0011"}) {
-            refuse.CallSend(Value::Text(code));
+        for (const char *format :
+             {"", "#", "#0011", "%", "%#", "%#001", "x%#0011", " %#0011", "-%#0011", "+%#0011",
+              "% #0011", "0000000000%#0011", "%1#0011"}) {
+            std::string code = format;
+            const size_t at = code.find('%');
+            refuse.CallSend(Value::Text(at > 10 ? code : code.replace(at, 1, handle)));
         }
+        refuse.CallSend(Value::Text(std::to_string(event.Handle + (int64_t{1} << 32)) + "#0011"));
         refuse.CallSend(Value::NullText());
         for (const TypeCode type : {kNoType, kLogical, kByteSet, kAnyType, kSubroutinePointer}) {
             refuse.CallSend(Value::Any(static_cast<HostWord>(event.Handle), type));
@@ -313,15 +298,15 @@ TEST_F(Commands, BadArgumentsAreRefusedAndChangeNothing) {
             refuse.CallForHandle(unknown);
         }
         const Value to = Value::Text(event.Code);
-        for (const Value &text : {Value::NullText(), Value::Text("")}) {
-            refuse.Call("SendText", {to, text});
+        refuse.Call("SendText", {to, Value::NullText()});
+        refuse.Call("SendText", {to, Value::Text("")});
+        refuse.Call("SendBinary", {to, Value::NullByteSet()});
+        refuse.Call("SendBinary", {to, Value::ByteSet({})});
+        for (const auto &[dimensions, count] : {std::pair(0, 1), {2, 1}, {1, 0}, {1, -1}}) {
+            const ByteSpan byte = BytesOf("g");
+            refuse.Call("SendBinary", {to, Value::WrongByteSet(dimensions, count, byte)});
         }
-        for (const Value &bytes :
-             {Value::NullByteSet(), Value::ByteSet({}), Value::WrongByteSet(0, 1, BytesOf("g")),
-              Value::WrongByteSet(2, 1, BytesOf("g")), Value::WrongByteSet(1, -1, BytesOf("g"))}) {
-            refuse.Call("SendBinary", {to, bytes});
-        }
-        refuse.CallForMessageZero();
+        refuse.CallForNoMessage();
         const Value nowhere = Value::Any(0, kInteger);
         refuse.CallForMessage(event.Message, Value::Output(refuse.Code), nowhere, nowhere, nowhere);
         refuse.CallForMessage(event.Message, nowhere, Value::Output(refuse.Text),
@@ -334,49 +319,43 @@ TEST_F(Commands, BadArgumentsAreRefusedAndChangeNothing) {
 }
 
 // Each allocation of a command in turn yields null, once and for ever.
-TEST_F(Commands, AnExhaustedHostHeapMakesCommandsFailAndLosesNothing) {
+TEST_F(Commands, FailOnAnExhaustedHostHeapAndLoseNothing) {
     EchoServer server(true, [](Server &host, const Event &event) {
         const auto exhaust = [](int allocations, auto command) {
             for (int i = 0; i < 2 * (allocations + 1); ++i) {
-                TextVariable text(TheHeap(), "text");
                 TextVariable code(TheHeap(), "code");
+                TextVariable text(TheHeap(), "text");
                 ByteSetVariable content(TheHeap(), Bytes{7});
                 IntegerArrayVariable numbers(TheHeap(), {7});
-                TheHeap().FailAllocation(static_cast<uint64_t>(1 + i / 2), i % 2 == 1);
                 const Value out[] = {Value::Output(code), Value::Output(text),
                                      Value::Output(content), Value::Output(numbers)};
+                TheHeap().FailAllocation(static_cast<uint64_t>(1 + i / 2), i % 2 == 1);
                 const CallResult result = command(out);
                 TheHeap().StopFailing();
                 EXPECT_EQ(result.Number, i / 2 == allocations) << allocations << "/" << i;
-                // Violations, if they hold what is no value.
-                text.Get(), code.Get(), content.Get(), numbers.Get();
+                text.Get(), code.Get(), content.Get(), numbers.Get(); // must be sound, or null
             }
         };
         const Value message = Value::Address(event.Message);
-        exhaust(2, [&](const Value *out) {
-            return host.Call("GetRequestText", {message, out[0], out[1]});
-        });
-        exhaust(2, [&](const Value *out) {
-            return host.Call("GetRequestBin", {message, out[0], out[2]});
-        });
-        exhaust(1, [&](const Value *out) { return host.Call("GetAllClient", {out[3]}); });
-        exhaust(1, [&](const Value *out) {
-            return host.Call("GetClientIPAddr", {Value::Integer(event.Handle), out[1]});
-        });
+        const Value handle = Value::Integer(event.Handle);
+        using Out = const Value *;
+        exhaust(2, [&](Out out) { return host.Call("GetRequestText", {message, out[0], out[1]}); });
+        exhaust(2, [&](Out out) { return host.Call("GetRequestBin", {message, out[0], out[2]}); });
+        exhaust(1, [&](Out out) { return host.Call("GetAllClient", {out[3]}); });
+        exhaust(1, [&](Out out) { return host.Call("GetClientIPAddr", {handle, out[1]}); });
         return false;
     });
     EXPECT_EQ(Peer(server.Port()).Ask("0011", "hello"), "hello");
 }
 
-// Handlers and the host's service that pop their argument or spoil what they should keep.
+// Handlers and the host's service that pop their arguments or spoil what they should keep.
 TEST_F(Commands, WorkInEveryMannerOfCallingAndAtEveryStackOffset) {
     Servers servers;
     for (const Manner manner : kManners) {
-        const EchoServer::Hook useAll = [](Server &host, const Event &event) {
-            return host.GetClientIPAddr(event.Handle) == kLoopback &&
-                   !host.GetAllClient()->empty() && host.GetClientCount() > 0 &&
+        const auto useAll = [](Server &host, const Event &event) {
+            return host.GetClientIPAddr(event.Handle) == kLoopback && host.GetClientCount() > 0 &&
+                   !host.GetAllClient()->empty() && host.SendText(event.Code, "all") &&
                    host.GetRequestText(event.Message)->Text == "hello" &&
-                   host.SendText(event.Code, "all") &&
                    host.SendBinary(event.Handle, BytesOf("push"));
         };
         servers.emplace_back(true, useAll, manner);
@@ -388,7 +367,7 @@ TEST_F(Commands, WorkInEveryMannerOfCallingAndAtEveryStackOffset) {
             EXPECT_TRUE(Server(TheLibrary()).SetPoolThreadNum(1, 1));
             for (EchoServer &server : servers) {
                 EXPECT_EQ(Peer(server.Port()).Ask("0011", "hello"), "all");
-                EXPECT_FALSE(server->GetAllClient()->empty() && server->GetClientCount() > 1);
+                EXPECT_TRUE(server->GetAllClient());
                 EXPECT_EQ(std::fegetround(), FE_TONEAREST) << "the service left it changed";
             }
         }
@@ -397,9 +376,7 @@ TEST_F(Commands, WorkInEveryMannerOfCallingAndAtEveryStackOffset) {
     StopTogether(servers);
 }
 
-// --- connected clients ------------------------------------------------------------------------
-
-TEST_F(Clients, AreCountedListedAddressedPushedToAndDisconnectedByHandle) {
+TEST_F(Commands, CountListAddressPushToAndDisconnectClients) {
     EchoServer server;
     const auto all = [&] { return server->GetAllClient().value(); };
     EXPECT_EQ(server->GetClientCount(), 0);
@@ -414,12 +391,10 @@ TEST_F(Clients, AreCountedListedAddressedPushedToAndDisconnectedByHandle) {
             EXPECT_TRUE(Until([&] { return (lists[count] = all()).size() == count; }));
         }
         const bool inTime = NowMs() - begin < 80;
-        const std::vector<int32_t> inOrder = {lists[1][0], lists[2][1], lists[3][2]};
-        EXPECT_TRUE(!inTime || lists[3] == inOrder);
+        EXPECT_TRUE(!inTime || lists[3] == (std::vector{lists[1][0], lists[2][1], lists[3][2]}));
         peers.clear();
-        EXPECT_TRUE(Until([&] { return server->GetClientCount() == 0; }));
-        return inTime;
-    })) << "this machine is too slow to see it";
+        return Until([&] { return server->GetClientCount() == 0; }) && inTime;
+    }));
 
     Peer first(server.Port());
     EXPECT_EQ(first.Ask("0011", "hello"), "hello");
@@ -431,13 +406,13 @@ TEST_F(Clients, AreCountedListedAddressedPushedToAndDisconnectedByHandle) {
     }
     Peer second(server.Port());
     EXPECT_TRUE(Until([&] { return server->GetClientCount() == 2; }));
-    server->Disconnect(second.Descriptor()); // an open descriptor, but no handle
+    server->Disconnect(second.Descriptor()); // open, but no handle
     server->Disconnect(handle);
     EXPECT_EQ(first.ReadToEnd(), "<Msg0000>0</Msg0000>");
     EXPECT_FALSE(server->SendText(handle, "late"));
     EXPECT_EQ(second.Ask("0011", "hello"), "hello");
 
-    const int32_t stuck = all().at(0); // never reads what comes now
+    const int32_t stuck = all().at(0); // it never reads what comes now
     EXPECT_TRUE(server->SendText(stuck, Pattern(32U << 20)));
     int waiting = 0;
     EXPECT_TRUE(Until([&] {

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -162,7 +163,8 @@ struct Event {
     std::string Text; // of requests of at most 15 bytes: no string of an event owns memory
 };
 
-// A started server that answers each request with its content and keeps a book of all messages.
+// A started server that answers each request with its content and keeps a book of all messages; an
+// end that is told of twice is a failure of the test.
 class EchoServer {
   public:
     // Looks at a request first; answers true when it dealt with it.
@@ -173,7 +175,6 @@ class EchoServer {
     void Start(std::optional<bool> serial, Manner manner = kLeavesArguments);
 
     int32_t Port() const { return m_Port; }
-    std::vector<Event> Book() const;
     size_t Count(int32_t kind, std::string_view text = {}) const; // without a text all of the kind
     Server *operator->() { return &m_Server; }
 
@@ -183,6 +184,7 @@ class EchoServer {
     Hook m_Hook;
     mutable std::mutex m_Lock;
     std::vector<Event> m_Book; // under m_Lock
+    std::set<int32_t> m_Ended; // handles told of as disconnected, under m_Lock
     int32_t m_Port = 0;
     Server m_Server{TheLibrary()}; // ends first
 };

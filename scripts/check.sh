@@ -31,7 +31,8 @@ format() {
 
 tidy() {
     find src tools -name '*.cpp' -print0 |
-        xargs -0 -P "$(nproc)" -n 1 clang-tidy --quiet -p build/clang
+        xargs -0 -P "$(nproc)" -n 1 clang-tidy --quiet -p build/clang 2>&1 |
+        sed '/^[0-9]* warnings\? generated\.$/d'
 }
 
 cppchecked() {

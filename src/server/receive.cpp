@@ -7,7 +7,7 @@ namespace nrpc {
 static constexpr uint32_t kWaitMs = 100;
 static constexpr int32_t kReadLen = 10240;
 // More than 20 waits of a second without a byte.
-static constexpr uint64_t kSilenceMs = 21 * 1000;
+static constexpr uint64_t kSilenceMs = 21000;
 // A client that never stops sending gives way to the others after this time.
 static constexpr uint64_t kTurnMs = 1000;
 

@@ -7,7 +7,7 @@ namespace nrpc {
 static constexpr uint32_t kProbeMs = 100;
 static constexpr int32_t kMaxSendTimes = 100;
 // More than 20 waits of a second without progress, in the middle of a message.
-static constexpr uint64_t kStallMs = 21 * 1000;
+static constexpr uint64_t kStallMs = 21000;
 // A socket that reports room and takes nothing is given up after so many attempts, one a ms.
 static constexpr int32_t kMaxVainAttempts = 100;
 

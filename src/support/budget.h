@@ -41,8 +41,8 @@ struct PartialAccount {
     std::atomic<bool> Evicted = false;
 };
 
-// Reports that the account now holds `len` bytes (counted already by TakeCounted). With 0 it is a new
-// one. False: it was evicted, and its bytes must be given up.
+// Reports that the account now holds `len` bytes (counted already by TakeCounted). With 0 it is a
+// new one. False: it was evicted, and its bytes must be given up.
 bool ReportPartial(PartialAccount *account, size_t len);
 
 } // namespace nrpc

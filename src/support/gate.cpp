@@ -1,5 +1,6 @@
 #include "support/gate.h"
 
+#include "support/jitter.h"
 #include "support/threads.h"
 
 namespace nrpc {
@@ -16,6 +17,7 @@ bool Gate_Enter(Gate *gate) {
     uint32_t state = gate->State;
     while ((state & Gate::kClosed) == 0) {
         if (gate->State.compare_exchange_weak(state, state + 1)) {
+            Jitter();
             return true;
         }
     }
@@ -23,6 +25,7 @@ bool Gate_Enter(Gate *gate) {
 }
 
 void Gate_Leave(Gate *gate) {
+    Jitter();
     --gate->State;
 }
 

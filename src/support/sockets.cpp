@@ -9,6 +9,7 @@
 
 #include <cerrno>
 
+#include "support/jitter.h"
 #include "support/threads.h"
 
 namespace nrpc {
@@ -20,6 +21,7 @@ static WaitResult WaitFor(int32_t socket, short events, uint32_t limitMs) {
         pollfd watched = {socket, events, 0};
         const int wait = left > INT32_MAX ? INT32_MAX : static_cast<int>(left);
         const int ready = poll(&watched, 1, wait);
+        Jitter();
         if (ready > 0) {
             return (watched.revents & POLLNVAL) != 0 ? kWaitFailed : kSocketReady;
         }

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "support/heap.h"
+#include "support/jitter.h"
 
 namespace nrpc {
 
@@ -31,6 +32,7 @@ void MyDeleteCriticalSection(LockHandle lock) {
 }
 
 void MyEnterCriticalSection(LockHandle lock) UNCHECKED_LOCKING {
+    Jitter();
     if (lock != nullptr) {
         pthread_mutex_lock(&lock->Mutex);
     }
@@ -40,6 +42,7 @@ void MyLeaveCriticalSection(LockHandle lock) UNCHECKED_LOCKING {
     if (lock != nullptr) {
         pthread_mutex_unlock(&lock->Mutex);
     }
+    Jitter();
 }
 
 static int LockWithin(pthread_mutex_t *mutex, uint32_t ms) {
@@ -91,12 +94,14 @@ int32_t MyCreateThread(pthread_t *thread, ThreadRoutine routine, void *arg, size
     const int result = pthread_create(thread, &attributes, routine, arg);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attributes);
+    Jitter();
     return result == 0 ? 1 : 0;
 }
 
 int32_t MySetThreadAttribute(const char *name) {
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    Jitter();
     return pthread_setname_np(pthread_self(), name);
 }
 
@@ -124,6 +129,7 @@ int32_t MySleep(uint32_t durationMs) {
     do {
         result = clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left);
     } while (result == EINTR);
+    Jitter();
     return result;
 }
 

@@ -1,7 +1,7 @@
 // support/threads.h: threads, locks, pauses and the clock.
 //
-//   Locks      taken through LockGuard, but for ProcessLock, which a worker may have to release when
-//              its thread ends inside the handler. The order in which two may be held:
+//   Locks      taken through LockGuard, but for ProcessLock, which a worker may have to release
+//              when its thread ends inside the handler. The order in which two may be held:
 //                  pool lock          -> handle-list lock of that pool
 //                  ProcessLock        -> whatever a command called by the handler takes
 //                  RequestLock        -> the client's list locks

@@ -32,8 +32,7 @@ Object::~Object() {
 }
 
 void Object::Release() {
-    if (m_Alive) {
-        m_Alive = false;
+    if (m_Alive.exchange(false)) {
         m_Library.Call(CommandWithFlag(kCmdDestructor), m_Members.data());
     }
 }

@@ -10,6 +10,7 @@
 //   Errors     what the command answers. A Logical result other than 1 is false.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -51,7 +52,7 @@ class Object {
     Library &m_Library;
     const DataTypeInfo *m_Type = nullptr;
     std::vector<HostWord> m_Members;
-    bool m_Alive = false;
+    std::atomic<bool> m_Alive = false;
     std::mutex m_Lock;
     Routine m_Routine; // under m_Lock
 };

@@ -16,7 +16,7 @@ static constexpr uint32_t kMaxSleepNs = 2000000;
 
 // 0: no jitter in this run.
 static uint32_t SeedOfRun() {
-    const char *text = getenv("NRPC_JITTER_SEED");
+    const char *text = getenv("NRPC_JITTER_SEED"); // NOLINT(concurrency-mt-unsafe): never written
     return text != nullptr ? static_cast<uint32_t>(strtoul(text, nullptr, 10)) : 0;
 }
 

@@ -1,5 +1,7 @@
 #include "support/jitter.h"
 
+#if defined(NRPC_JITTER)
+
 #include <sched.h>
 
 #include <atomic>
@@ -50,3 +52,5 @@ void Jitter() {
 }
 
 } // namespace nrpc
+
+#endif

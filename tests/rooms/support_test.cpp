@@ -13,6 +13,7 @@
 
 #include "support/byte_buffer.h"
 #include "support/text_string.h"
+#include "support/threads.h"
 #include "support/word_array.h"
 
 using namespace nrpc;
@@ -375,4 +376,10 @@ TEST(WordArray, KeepsItsElementsInEveryOperation) {
     EXPECT_TRUE(holds({1, 8}));
     EXPECT_EQ(CDWordArray_SetSize(&array, 0), 0);
     EXPECT_EQ(CDWordArray_GetUpperBound(&array), -1);
+}
+
+TEST(Clock, IsTheOneThatNobodySets) {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    EXPECT_LT(MonotonicMs() - static_cast<uint64_t>(now.tv_sec) * 1000, 60000U);
 }

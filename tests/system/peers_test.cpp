@@ -1,5 +1,11 @@
 // Raw peers of one server: what they send is served, thrown away, or ends their connection. All the
 // while an honest client is served, and the end of each connection is told of once.
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <ctime>
 #include <deque>
 
 #include "system/support.h"
@@ -223,4 +229,28 @@ TEST_F(Peers, RepliesAreFramedToTheByte) {
         peer.Send(wire);
         EXPECT_EQ(peer.Read(wire.size()), wire);
     }
+}
+
+TEST_F(Peers, AcceptingWaitsQuietlyForDescriptors) {
+    EXPECT_TRUE(Until([&] { return m_Served > 3; })); // a wait in accept has its descriptor
+    const int late = socket(AF_INET, SOCK_STREAM, 0);
+    const int free = dup(late);
+    close(free);
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit one = {static_cast<rlim_t>(free) + 1, before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
+    Peer peer = Connect(); // takes the last
+    EXPECT_EQ(peer.Ask("0011", "fine"), "fine");
+    sockaddr_in address = {AF_INET, htons(static_cast<uint16_t>(m_Server->Port())), {}, {}};
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(late, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    ++m_Connected;
+    const clock_t begin = clock();
+    usleep(500 * 1000);
+    EXPECT_LT(clock() - begin, CLOCKS_PER_SEC / 4);
+    EXPECT_EQ(m_Server->Count(kClientConnected), 2U);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(Until([&] { return m_Server->Count(kClientConnected) == 3; }));
+    close(late);
 }

@@ -172,6 +172,7 @@ TEST_P(CancelOverdue, StopReturnsInItsTimeAndTheServerServesAgain) {
     };
     Servers servers; // outlive what is left behind
     std::deque<Peer> peers;
+    std::deque<Peer> waiting;
     std::unique_lock<std::mutex> held(s_Held);
     for (size_t i = 0; i < 4; ++i) {
         const bool serial = i % 2 == 0;
@@ -181,6 +182,8 @@ TEST_P(CancelOverdue, StopReturnsInItsTimeAndTheServerServesAgain) {
         EXPECT_TRUE(Until([&] { return server.Count(kRequest, "stay") == 1; }));
         if (!serial || GetParam().Name == std::string("EndsItsThread")) {
             EXPECT_EQ(peers[i].Ask("0012", "hello"), "hello");
+        } else {
+            waiting.emplace_back(server.Port()).Send(Message("0011", "waits for its turn"));
         }
     }
     StopTogether(servers);
@@ -193,6 +196,7 @@ TEST_P(CancelOverdue, StopReturnsInItsTimeAndTheServerServesAgain) {
     s_LetGo = true;
     held.unlock();
     peers.clear();
+    waiting.clear();
     ExpectNothingLeft();
 }
 

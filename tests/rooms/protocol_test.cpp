@@ -108,15 +108,11 @@ TEST(Packets, HeadsThatNoPacketHasCountAsWrongMagic) {
     };
     // Lengths of message and chunk.
     const int32_t legal[][2] = {{0, 0}, {5, 1}, {5, 8193}, {256 * kMiB, kMiB}};
-    const int32_t wrong[][2] = {{5, 0},
-                                {-1, 0},
-                                {-1, 5},
-                                {INT32_MIN, 5},
-                                {5, -1},
-                                {5, INT32_MIN},
-                                {256 * kMiB + 1, 5},
-                                {kMiB, kMiB + 1},
-                                {INT32_MAX, INT32_MAX - 19}};
+    const int32_t wrong[][2] = {{5, 0},           {0, -5},
+                                {-1, 0},          {-1, 5},
+                                {INT32_MIN, 5},   {5, -1},
+                                {5, INT32_MIN},   {256 * kMiB + 1, 5},
+                                {kMiB, kMiB + 1}, {INT32_MAX, INT32_MAX - 19}};
     for (const auto &[total, chunk] : wrong) {
         check(Head("0011", total, 0, chunk), false);
     }

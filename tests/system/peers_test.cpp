@@ -24,6 +24,7 @@ class Peers : public SystemTest {
         m_Honest = {}; // asks it to end and waits
         EXPECT_TRUE(Until([&] { return m_Server->Count(kClientDisconnected) == m_Connected; }));
         EXPECT_EQ((*m_Server)->GetClientCount(), 0);
+        EXPECT_TRUE(Until([&] { return TakeCensus().Descriptors <= m_Descriptors; }));
         m_Server.reset();
         SystemTest::TearDown();
     }
@@ -41,6 +42,7 @@ class Peers : public SystemTest {
             return event.Text == "hold" && Until([this] { return m_LetGo.load(); }) &&
                    server.SendText(event.Code, "late") && server.SendText(event.Handle, "push");
         }};
+    const int m_Descriptors = TakeCensus().Descriptors;
     size_t m_Connected = 1;
     std::jthread m_Honest{[this](const std::stop_token &stop) {
         Client client(TheLibrary());
@@ -174,6 +176,10 @@ TEST_F(Peers, AConnectionThatEndsAnywhereIsToldOfOnce) {
         }
     }
     EXPECT_EQ(CountRequests(""), CountRequests("honest")) << "none of them asked";
+    Peer reader = Connect();
+    reader.Send(Message("0011", Pattern(4 * kMiB)));
+    EXPECT_EQ(reader.Read(20).size(), 20U);
+    reader.Reset(); // in the middle of the reply
 }
 
 TEST_F(Peers, TagsAreReadByTheRuleOrNotAtAll) {

@@ -1,9 +1,8 @@
 // server/client_list.h: the registry of connected clients, and the only data that the pools share.
 //   Handle     a client's identity, for the host too, is the descriptor of its socket.
-//   Order      accept order at first; a client that was served by the receive pool goes to the
-//   tail. Locks      Lock guards the list and every field of an entry that is not said to be a
-//   claim's. It
-//              is held briefly, never across a socket wait.
+//   Order      accept order at first; a client that the receive pool has served goes to the tail.
+//   Locks      Lock guards the list and every field of an entry that is not said to be a claim's.
+//              It is held briefly, never across a socket wait.
 //   Claims     a thread uses an entry outside the lock only while it has a claim on it: RecvBusy,
 //              SendBusy or Holds. Removing an entry unlinks it and shuts its socket down at once;
 //              the descriptor is closed and the entry freed when the last claim is dropped. So a

@@ -5,9 +5,8 @@
 //              thread still inside otherwise. What its pointers name lives from SockInit to
 //              SockUnInit and is made anew at every start.
 //   Renewal    a stop that leaves a thread behind (one that cannot be ended, or the very thread
-//   that
-//              called it) gives the host object a new record and leaves this one to that thread.
-//              So a record never sees threads of two starts.
+//              that called it) gives the host object a new record and leaves this one to that
+//              thread. So a record never sees threads of two starts.
 #pragma once
 
 #include <pthread.h>

@@ -1,7 +1,6 @@
 // server/start_stop.h: what brings a server up and takes it down.
 //   Threads    one thread at a time works on a server (LifecycleBusy); it may be one of the
-//   server's
-//              own that runs the handler.
+//              server's own that runs the handler.
 #pragma once
 
 #include "server/context.h"

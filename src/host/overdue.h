@@ -2,8 +2,8 @@
 //   Cancelling    ends a thread where its routine blocks, or when a command that it calls returns.
 //   Breaking off  a routine that computes without ever blocking is left by force: a real-time
 //                 signal that nobody uses, borrowed for the moment, makes its thread go on behind
-//                 the call, as if the routine had returned. Never inside the C library, the loader or
-//                 this library, whose locks would stay held, and never where the routine holds
+//                 the call, as if the routine had returned. Never inside the C library, the loader
+//                 or this library, whose locks would stay held, and never where the routine holds
 //                 cancellation off. (32-bit product only.)
 //   What is left  cannot be ended without harm and is left to itself.
 #pragma once

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <thread>
 
 #include "program.h"
 
@@ -20,8 +21,17 @@ inline const std::string kLateReply = "the late reply";
 inline const std::string kNextRequest = "answer this one in time";
 inline const std::string kNextReply = "the reply in time";
 
+inline const std::string kBurstRequest = "burst "; // and its number
+inline const std::string kBurstReply = "reply to burst ";
+inline const std::string kPushRequest = "push to me";
+inline const std::string kPush = "news that nobody asked for";
+inline const std::string kKickRequest = "disconnect me";
+
 inline constexpr size_t kByteCounts[] = {20000, 1024 * 1024};
-inline constexpr size_t kRequestCount = 3 + std::size(kByteCounts);
+inline constexpr size_t kBurstCount = 50;
+// Of the synchronous client, and of the asynchronous one.
+inline constexpr size_t kRequestCount = 3 + std::size(kByteCounts) + kBurstCount + 2;
+inline constexpr size_t kClientCount = 2;
 inline constexpr int32_t kPatientMs = 10000; // for what ought to happen
 inline constexpr int32_t kImpatientMs = 700; // for what must not
 
@@ -30,6 +40,18 @@ inline hostkit::Bytes Inverted(hostkit::Bytes bytes) {
     std::transform(bytes.begin(), bytes.end(), bytes.begin(),
                    [](uint8_t byte) { return static_cast<uint8_t>(~byte); });
     return bytes;
+}
+
+// Looks often, so that a demonstration loses little time. False: it did not come true in time.
+template <typename Condition>
+bool WaitUntil(Condition condition, int32_t limitMs = kPatientMs) {
+    for (int32_t waited = 0; !condition(); waited += 5) {
+        if (waited >= limitMs) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 // Reports and counts findings; any thread may use it.

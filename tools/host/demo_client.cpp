@@ -1,5 +1,7 @@
 // nrpc-host demo-client: the client process of the demonstration.
 #include <memory>
+#include <mutex>
+#include <set>
 
 #include "demo.h"
 
@@ -39,6 +41,62 @@ static void CheckTimeout(Findings &findings, Client &client) {
                    next.Result, next.Text);
 }
 
+namespace {
+
+// What reached the handler of an asynchronous client.
+struct Inbox {
+    void Take(Client &client, HostWord message) {
+        const int32_t kind = client.ClientGetMsgKind(message);
+        const std::string text = client.GetResultText(message).value_or("");
+        const std::lock_guard<std::mutex> guard(Lock);
+        if (kind == kConnectionClosed) {
+            ++CloseCount;
+        } else {
+            ++MessageCount;
+            Texts.insert(text);
+        }
+    }
+    bool Holds(size_t texts, size_t closes) {
+        const std::lock_guard<std::mutex> guard(Lock);
+        return Texts.size() == texts && MessageCount == texts && CloseCount == closes;
+    }
+
+    std::mutex Lock;
+    std::set<std::string> Texts;
+    size_t MessageCount = 0;
+    size_t CloseCount = 0;
+};
+
+} // namespace
+
+static void CheckAsynchronous(Findings &findings, Library &library, int32_t port) {
+    Inbox inbox;
+    Client client(library);
+    const auto handler = [&](HostWord message) { inbox.Take(client, message); };
+    findings.Check(client.ClientConnect(port, "127.0.0.1", handler),
+                   "ClientConnect: asynchronous mode, with a handler");
+    const auto start = std::chrono::steady_clock::now();
+    std::set<std::string> expected;
+    bool sent = true;
+    for (size_t i = 1; i <= kBurstCount; ++i) {
+        sent = client.SendAsynRequestText(kBurstRequest + std::to_string(i)) && sent;
+        expected.insert(kBurstReply + std::to_string(i));
+    }
+    const bool arrived = WaitUntil([&] { return inbox.Holds(kBurstCount, 0); });
+    findings.Check(sent && arrived && inbox.Texts == expected,
+                   "SendAsynRequestText: {} requests at once, each reply once, all after {:.0f} ms",
+                   kBurstCount, MsSince(start));
+    client.SendAsynRequestText(kPushRequest);
+    const bool pushed = WaitUntil([&] { return inbox.Holds(kBurstCount + 1, 0); });
+    findings.Check(pushed && inbox.Texts.contains(kPush), "handler: the server's push has come");
+    client.SendAsynRequestText(kKickRequest);
+    const bool closed = WaitUntil([&] { return inbox.Holds(kBurstCount + 1, 1); });
+    const bool refused = WaitUntil([&] { return !client.SendAsynRequestText(kGreeting); });
+    client.ClientdisConnect();
+    findings.Check(closed && refused && inbox.Holds(kBurstCount + 1, 1),
+                   "handler: one close message, and requests are refused");
+}
+
 static int RunClient(const Program &program, int32_t port) {
     Findings findings;
     Heap heap;
@@ -57,6 +115,7 @@ static int RunClient(const Program &program, int32_t port) {
         findings.Check(client.SendSynRequestText(kGreeting, kPatientMs).Result == -1,
                        "ClientdisConnect: a further request is refused with -1");
     }
+    CheckAsynchronous(findings, library, port);
     findings.CheckHeap(heap);
     return findings.Status();
 }

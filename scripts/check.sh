@@ -43,9 +43,12 @@ cppchecked() {
 check "shell scripts" shellcheck dev .ci/run scripts/*.sh
 check "format" format
 check "include directions" python3 scripts/check_includes.py
+check "command pages" python3 scripts/command_docs.py build/release/nrpc-host --check
 check "cppcheck" cppchecked
 check "clang++: warnings, lock annotations" cmake --build --preset clang
 check "clang-tidy" tidy
+check "dissector" python3 tests/scripts/dissector_test.py build/release/nrpc-host \
+    tools/wireshark/nrpc.lua
 python3 scripts/check_product.py build/release/libnrpc.so || bad=$((bad + 1))
 
 [ "$bad" -eq 0 ]

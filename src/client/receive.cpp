@@ -13,6 +13,7 @@ static constexpr int32_t kReadLen = 10240;
 static constexpr uint32_t kWaitMs = 1000;
 static constexpr int32_t kMaxIdleWaits = 20;
 static constexpr uint32_t kFullListMs = 10;
+static constexpr uint64_t kVainMs = 21000; // as long as the idle waits last
 
 // --- messages ---------------------------------------------------------------------------------
 
@@ -104,6 +105,7 @@ static bool MayRead(ClientContext *context) {
 }
 
 ClientRecvResult ClientRecvData(ClientContext *context) {
+    uint64_t vainSinceMs = 0; // 0: the last attempt was not in vain
     for (int32_t idleWaits = 0; MayRead(context);) {
         if (context->Received.Account.Evicted) {
             return Drop(context);
@@ -124,9 +126,16 @@ ClientRecvResult ClientRecvData(ClientContext *context) {
             return GiveUp(context, kConnectionLost);
         }
         if (len == kNothingYet) {
-            MySleep(1); // readable, and yet nothing there: must not become a busy loop
+            // Readable, and yet nothing there: must become neither a busy loop nor an endless one.
+            const uint64_t now = MonotonicMs();
+            vainSinceMs = vainSinceMs == 0 ? now : vainSinceMs;
+            if (now - vainSinceMs >= kVainMs) {
+                return GiveUp(context, kNoMessage);
+            }
+            MySleep(1);
             continue;
         }
+        vainSinceMs = 0;
         idleWaits = 0;
         int32_t packets = 0;
         const FeedResult fed =

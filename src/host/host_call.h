@@ -1,8 +1,8 @@
 // host/host_call.h: the machine's side of calling a function of the host.
 //   Convention  the function gets three words (a routine looks at the first only) and may pop one
-//               or all of them or leave them; it may change callee-saved registers, the direction flag
-//               and the floating-point control words, and leave values on the floating-point stack:
-//               all are put back.
+//               or all of them or leave them; it may change callee-saved registers, the direction
+//               flag and the floating-point control words, and leave values on the floating-point
+//               stack: all are put back.
 #pragma once
 
 #include "host/frame.h"

@@ -26,7 +26,7 @@ static void QueueRequest(void *receiver, MessageChunk *chunks) {
     }
 }
 
-// The wait ran out: a message that got stuck is given up, the connection stays.
+// The wait or the turn ran out: a message that got stuck is given up, the connection stays.
 static RecvResult NothingCame(ClientEntry *entry) {
     if (Assembly_IsPartial(&entry->Received) && MonotonicMs() - entry->LastByteMs >= kSilenceMs) {
         Assembly_Reset(&entry->Received);
@@ -72,7 +72,7 @@ RecvResult RecvData(ServerContext *context, ClientEntry *entry) {
             MySleep(1); // readable, and yet nothing there: must not become a busy loop
         }
         if (pool->StopFlag == 1 || BudgetIsExceeded() || MonotonicMs() >= turnEnd) {
-            return kNothingReceived;
+            return NothingCame(entry);
         }
     }
 }

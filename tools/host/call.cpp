@@ -1,31 +1,17 @@
-// nrpc-host call: synchronous requests to a server.
+// nrpc-host call: requests to a server, synchronous ones here.
 #include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iterator>
 #include <memory>
 
-#include "program.h"
+#include "call.h"
 
 namespace nrpc::tool {
 
 using namespace hostkit;
 
 namespace {
-
-struct Options {
-    std::string Server; // HOST:PORT
-    std::string Text;
-    std::string File;
-    int32_t ByteCount = 0;
-    int32_t TimeoutMs = 5000;
-    int32_t Repeat = 1;
-};
-
-struct Address {
-    std::string Host;
-    int32_t Port;
-};
 
 // Times of the exchanges that worked, in milliseconds.
 struct Times {
@@ -36,7 +22,7 @@ struct Times {
 
 } // namespace
 
-static Address ParseAddress(const std::string &text) {
+Address ParseAddress(const std::string &text) {
     const size_t colon = text.rfind(':');
     int32_t port = 0;
     if (colon != std::string::npos && colon > 0) {
@@ -68,13 +54,13 @@ static void CheckResult(int32_t result, int32_t timeoutMs) {
 }
 
 // One exchange; answers what to print of it.
-static std::string ExchangeText(Client &client, const Options &options) {
+static std::string ExchangeText(Client &client, const CallOptions &options) {
     const TextReply reply = client.SendSynRequestText(GbkFromUtf8(options.Text), options.TimeoutMs);
     CheckResult(reply.Result, options.TimeoutMs);
     return fmt::format("{}  {}", Counted(reply.Text.size(), "byte"), Utf8FromGbk(reply.Text));
 }
 
-static std::string ExchangeBytes(Client &client, const Bytes &request, const Options &options) {
+static std::string ExchangeBytes(Client &client, const Bytes &request, const CallOptions &options) {
     const BinReply reply = client.SendSynRequestBin(request, options.TimeoutMs);
     CheckResult(reply.Result, options.TimeoutMs);
     const bool same = reply.Content == request;
@@ -89,14 +75,8 @@ static std::string ExchangeBytes(Client &client, const Bytes &request, const Opt
                        same ? ", equal to the request byte for byte" : "");
 }
 
-static int Call(const Program &program, const Options &options) {
+static void CallSynchronously(Client &client, const Bytes &request, const CallOptions &options) {
     const Address address = ParseAddress(options.Server);
-    const Bytes request = options.File.empty()
-                              ? CountedBytes(static_cast<size_t>(options.ByteCount))
-                              : ReadFile(options.File);
-    Heap heap;
-    Library library(LibraryPath(program), heap);
-    Client client(library);
     if (!client.ClientConnect(address.Port, address.Host)) {
         throw std::runtime_error(fmt::format("cannot connect to {}", options.Server));
     }
@@ -116,12 +96,23 @@ static int Call(const Program &program, const Options &options) {
                   options.Repeat, times.Least, times.Sum / options.Repeat, times.Greatest);
     }
     client.ClientdisConnect();
+}
+
+static int Call(const Program &program, const CallOptions &options) {
+    ParseAddress(options.Server);
+    const Bytes request = options.File.empty()
+                              ? CountedBytes(static_cast<size_t>(options.ByteCount))
+                              : ReadFile(options.File);
+    Heap heap;
+    Library library(LibraryPath(program), heap);
+    Client client(library);
+    (options.Asynchronous ? CallAsynchronously : CallSynchronously)(client, request, options);
     return kDone;
 }
 
 void AddCall(CLI::App &app, Program &program) {
-    auto options = std::make_shared<Options>();
-    CLI::App *call = app.add_subcommand("call", "Sends a synchronous request and shows the reply.");
+    auto options = std::make_shared<CallOptions>();
+    CLI::App *call = app.add_subcommand("call", "Sends requests and shows the replies.");
     call->add_option("server", options->Server, "where the server listens")
         ->required()
         ->type_name("HOST:PORT");
@@ -136,9 +127,12 @@ void AddCall(CLI::App &app, Program &program) {
     call->add_option("--timeout", options->TimeoutMs, "longest wait for a reply, in ms")
         ->capture_default_str()
         ->check(CLI::Range(0, INT32_MAX));
-    call->add_option("--repeat", options->Repeat, "how many requests, one after the other")
+    call->add_option("--repeat", options->Repeat,
+                     "how many requests: one after the other, or at once with --async")
         ->capture_default_str()
         ->check(CLI::Range(1, INT32_MAX));
+    call->add_flag("--async", options->Asynchronous,
+                   "send all at once and show each message that the handler gets");
     call->callback([&program, options] { program.Status = Call(program, *options); });
 }
 

@@ -1,0 +1,543 @@
+// What a process under torture does with the library, and what must hold whatever fails.
+#include <execinfo.h>
+#include <link.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <map>
+
+#include "hostkit.h"
+#include "torture/torture.h"
+
+namespace nrpc::torture {
+
+using namespace hostkit;
+
+// The longest that commands may take, and what a crowded machine may add.
+static constexpr int kStopMs = 6000;
+static constexpr int kReplyMs = 2000;
+static constexpr int kBrokenOffMs = 22000; // more, for a reply that ends in the middle
+static constexpr int kSlackMs = 3000;
+
+static Library *s_Library;
+static Heap *s_Heap;
+static std::atomic<bool> s_Exact;  // the fault must not be noticed now
+static std::atomic<bool> s_Obeyed; // requests that order something; late ones are just answered
+static std::atomic<int> s_Fell;
+
+static void Must(bool holds, const std::string &what) {
+    if (!holds) {
+        ++s_Fell;
+        printf("fell: %s\n", what.c_str());
+        fflush(stdout);
+    }
+}
+
+static void Should(bool holds, const char *what) {
+    Must(holds || !s_Exact, what);
+}
+
+static int64_t NowMs() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+template <typename Condition>
+static bool Until(const Condition &condition, int ms) {
+    for (const int64_t end = NowMs() + ms; !condition(); usleep(5000)) {
+        if (NowMs() >= end) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static std::string Pattern(size_t length, char first) {
+    std::string text(length, first);
+    for (size_t i = 1; i < length; ++i) {
+        text[i] = static_cast<char>('!' + i * i % 89);
+    }
+    return text;
+}
+
+namespace {
+
+// The scope that it lives in ends in time.
+class TimeLimit {
+  public:
+    TimeLimit(const char *what, int ms) : m_What(what), m_Limit(ms + kSlackMs) {}
+    ~TimeLimit() {
+        const int64_t took = NowMs() - m_Begin;
+        Must(took <= m_Limit, std::string(m_What) + " took " + std::to_string(took) + " ms");
+    }
+
+  private:
+    const char *m_What;
+    const int64_t m_Limit, m_Begin = NowMs();
+};
+
+// --- the actors -------------------------------------------------------------------------------
+
+// A host's object, made anew where it could not be made or was released.
+template <typename Kind>
+class Renewable {
+  public:
+    Kind &Get() {
+        const std::lock_guard guard(m_Lock);
+        return m_All.empty() ? m_All.emplace_back(*s_Library) : m_All.back();
+    }
+    void Renew() {
+        const std::lock_guard guard(m_Lock);
+        m_All.emplace_back(*s_Library);
+    }
+    void RenewIfUnmade() {
+        Get().Members().back() == 0 ? Renew() : void(); // its record
+    }
+    void ReleaseAll() {
+        const TimeLimit limit("release", kStopMs);
+        for (Kind &object : m_All) {
+            object.Release();
+        }
+    }
+
+  private:
+    std::mutex m_Lock;
+    std::deque<Kind> m_All;
+};
+
+// Answers requests with their content, or does what they say.
+class EchoServer {
+  public:
+    explicit EchoServer(bool serial) : m_Serial(serial) {}
+    Server &Object() { return m_Server.Get(); }
+    int32_t Port() const { return m_Port; }
+    bool Start() {
+        m_Server.RenewIfUnmade();
+        Object().SetPoolThreadNum(2, 5);
+        for (int attempt = 0; attempt < 3 && !m_Runs; ++attempt) { // others look for ports, too
+            const TimeLimit limit("start", kStopMs);
+            m_Port = FreePort();
+            m_Runs = Object().StartServer(
+                m_Port, [this](HostWord message) { Handle(message); }, m_Serial);
+        }
+        Should(m_Runs, "server not started");
+        return m_Runs;
+    }
+    bool Runs() const { return m_Runs; }
+    void Stop() {
+        const TimeLimit limit("stop", kStopMs);
+        Object().StopServer();
+        m_Runs = false;
+    }
+    void Release() {
+        m_Server.ReleaseAll();
+        for (const auto &[handle, count] : m_Ends) {
+            Must(count <= m_Connects[handle], "more ends than connects of a client");
+        }
+    }
+    void Push(const std::string &text) {
+        const auto handles = Object().GetAllClient().value_or(std::vector<int32_t>());
+        Should(!handles.empty(), "no clients");
+        for (const int32_t handle : handles) {
+            const auto address = Object().GetClientIPAddr(handle);
+            Should(address.has_value(), "no address of a client");
+            Must(!address || address == "127.0.0.1", "a wrong address of a client");
+            Should(Object().SendText(handle, text), "push refused");
+        }
+    }
+    // The server's own end inside its handler, if the request for it comes in time.
+    void AwaitEndInside() {
+        Should(Until([this] { return m_Endings > 0; }, kReplyMs), "end not asked for");
+        SettleEndInside();
+    }
+    void SettleEndInside() {
+        Must(Until([this] { return m_Ended == m_Endings; }, kStopMs + kSlackMs), "endless end");
+    }
+
+  private:
+    void Handle(HostWord message) {
+        Server &server = Object();
+        const int32_t kind = server.GetMsgKind(message);
+        const int32_t handle = server.GetClientHandle(message).value_or(0);
+        if (kind != kRequest) { // two workers may have both, in any order
+            const std::lock_guard guard(m_Lock);
+            ++(kind == kClientConnected ? m_Connects : m_Ends)[handle];
+            return;
+        }
+        const auto request = server.GetRequestText(message);
+        const auto bytes = server.GetRequestBin(message);
+        Should(request && bytes, "no request in its handler");
+        const std::string order = request && bytes && s_Obeyed ? request->Text : "";
+        while (order == "stay") {
+            pause(); // until the library ends it: what this frame holds is the test's own memory
+        }
+        if (order == "kick") {
+            server.Disconnect(handle);
+        } else if (order == "stop" || order == "release") {
+            ++m_Endings;
+            order == "stop" ? server.StopServer() : server.Release();
+            m_Runs = false;
+            ++m_Ended;
+        } else if (request && bytes) {
+            usleep(order == "hold" ? 400000 : order.starts_with("slow") ? 150000 : 0);
+            request->Text.size() % 2 == 0 ? server.SendText(request->Code, request->Text)
+                                          : server.SendBinary(bytes->Code, bytes->Content);
+        }
+    }
+
+    const bool m_Serial;
+    int32_t m_Port = 1;
+    std::atomic<bool> m_Runs = false;
+    std::atomic<int> m_Endings = 0, m_Ended = 0;
+    std::mutex m_Lock;
+    std::map<int32_t, int> m_Connects, m_Ends; // by handle, under m_Lock
+    Renewable<Server> m_Server;
+};
+
+class Caller {
+  public:
+    virtual ~Caller() = default;
+    Client &Object() { return m_Client.Get(); }
+    virtual bool IsAnswered(const std::string &text, int ms) = 0;
+    bool Connect(const EchoServer &server, const char *address = "127.0.0.1") {
+        m_Client.RenewIfUnmade();
+        m_Port = server.Port();
+        // A moment is allowed for: the call that tells of an end is part of the old connection.
+        const bool works = Until([&] { return TryToConnect(m_Port, address); }, kReplyMs / 4);
+        Should(works, "client not connected");
+        return works;
+    }
+    void Disconnect() {
+        const TimeLimit limit("disconnect", kStopMs);
+        Object().ClientdisConnect();
+    }
+    void Release() { m_Client.ReleaseAll(); }
+    // Is answered at once, at most over a new connection.
+    void ExpectService(const EchoServer &server) {
+        if (m_Port != server.Port() || !IsAnswered("probe", kReplyMs / 2)) {
+            Disconnect();
+            Must(Connect(server), "no new connection");
+            Must(IsAnswered("probe anew", 2 * kReplyMs), "no reply over a new connection");
+        }
+    }
+
+  protected:
+    virtual bool TryToConnect(int32_t port, const char *address) = 0;
+    Renewable<Client> m_Client;
+
+  private:
+    int32_t m_Port = 0;
+};
+
+class SynCaller : public Caller {
+  public:
+    bool IsAnswered(const std::string &text, int ms) override {
+        const TimeLimit limit("request", ms + kBrokenOffMs);
+        const TextReply reply = Object().SendSynRequestText(text, ms);
+        Must(reply.Result != 1 || reply.Text == text, "another reply: " + reply.Text);
+        Must(reply.Result >= -1 && reply.Result <= 1, "odd result of a request");
+        return reply.Result == 1;
+    }
+    void ExpectEcho(const std::string &text) {
+        Should(IsAnswered(text, kReplyMs), "no reply");
+        const TimeLimit limit("request of bytes", kReplyMs + kBrokenOffMs);
+        const BinReply reply = Object().SendSynRequestBin(BytesOf(text), kReplyMs);
+        Should(reply.Result == 1, "no reply to bytes");
+        Must(reply.Result != 1 || std::ranges::equal(reply.Content, BytesOf(text)), "other bytes");
+    }
+
+  private:
+    bool TryToConnect(int32_t port, const char *address) override {
+        const TimeLimit limit("connect", kReplyMs);
+        return Object().ClientConnect(port, address);
+    }
+};
+
+class AsynCaller : public Caller {
+  public:
+    void Send(const std::string &text) {
+        {
+            const std::lock_guard guard(m_Lock);
+            ++m_Open[text];
+        }
+        Should(Object().SendAsynRequestText(text), "asynchronous request refused");
+    }
+    bool GetsReply(const std::string &text, int ms) {
+        const auto isThere = [&] {
+            const std::lock_guard guard(m_Lock);
+            return m_Open[text] == 0;
+        };
+        return Until(isThere, ms);
+    }
+    bool IsAnswered(const std::string &text, int ms) override {
+        Send(text);
+        return GetsReply(text, ms);
+    }
+    void ExpectReply(const std::string &text) {
+        Should(GetsReply(text, s_Exact ? 3 * kReplyMs : kReplyMs / 4), "a reply is missing");
+    }
+    void Expect(const std::atomic<int> &count, int least) {
+        Should(Until([&] { return count >= least; }, kReplyMs), "an event is missing");
+    }
+    std::atomic<int> Ends = 0, Pushes = 0, Left = 0;
+
+  private:
+    bool TryToConnect(int32_t port, const char *address) override {
+        Client &client = Object();
+        auto ends = std::make_shared<std::atomic<int>>(0);
+        const TimeLimit limit("connect", kReplyMs);
+        return client.ClientConnect(port, address, [this, port, &client, ends](HostWord message) {
+            if (client.ClientGetMsgKind(message) == kConnectionClosed) {
+                Must(++*ends == 1, "an end was reported twice");
+                ++Ends;
+            } else if (const auto text = client.GetResultText(message)) {
+                Take(*text, port);
+            }
+        });
+    }
+    void Take(const std::string &text, int32_t port) {
+        if (text.starts_with("push")) {
+            ++Pushes;
+            return;
+        }
+        {
+            const std::lock_guard guard(m_Lock);
+            const auto open = m_Open.find(text);
+            Must(open != m_Open.end() && open->second-- > 0, "unasked message " + text);
+        }
+        if (text == "leave" && s_Obeyed) { // the connection ends inside its handler
+            Disconnect();
+            Should(TryToConnect(port, "127.0.0.1"), "no connection made inside the handler");
+            ++Left;
+        } else if (text == "quit" && s_Obeyed) { // the object does
+            Object().Release();
+            m_Client.Renew();
+            ++Left;
+        }
+    }
+
+    std::mutex m_Lock;
+    std::map<std::string, int> m_Open; // replies to come, under m_Lock
+};
+
+// --- the scenes -------------------------------------------------------------------------------
+
+struct Stage {
+    explicit Stage(bool serial) : Serving(serial) {}
+    EchoServer Serving, Other{true};
+    SynCaller Syn[3];
+    AsynCaller Asyn[2];
+};
+
+// Requests of all sizes, one that is cancelled, a name that is none, pushes, a kick.
+void ActLife(Stage &on) {
+    on.Serving.Start();
+    on.Syn[0].Connect(on.Serving, "localhost");
+    on.Syn[1].Connect(on.Serving);
+    on.Syn[0].ExpectEcho("short");
+    on.Syn[0].ExpectEcho(Pattern(20000, 'a'));
+    on.Syn[1].ExpectEcho(Pattern(30001, 'b'));
+    Must(!on.Syn[2].Object().ClientConnect(on.Serving.Port(), std::string(300, '.')), "no name");
+    on.Syn[0].IsAnswered("hold", 100);
+    on.Serving.Push("push");
+    on.Syn[1].IsAnswered("kick", 300);
+    on.Syn[0].ExpectEcho("after");
+}
+
+void EndLife(Stage &on) {
+    on.Syn[0].Disconnect();
+    on.Serving.Stop();
+}
+
+// Bursts for which the pools grow, pushes of several packets, a kick and a connection after it; a
+// stop before the clients go.
+void ActBursts(Stage &on) {
+    on.Serving.Start();
+    on.Asyn[0].Connect(on.Serving);
+    on.Asyn[1].Connect(on.Serving);
+    for (const char *text : {"slow0", "slow1", "slow2", "slow3", "slow4", "slow5"}) {
+        on.Asyn[0].Send(text);
+    }
+    on.Asyn[1].Send(Pattern(20000, 'c'));
+    for (const char *text : {"slow0", "slow1", "slow2", "slow3", "slow4", "slow5"}) {
+        on.Asyn[0].ExpectReply(text);
+    }
+    on.Asyn[1].ExpectReply(Pattern(20000, 'c'));
+    on.Serving.Push("push" + Pattern(20000, 'd'));
+    on.Asyn[0].Expect(on.Asyn[0].Pushes, 1);
+    on.Asyn[1].Expect(on.Asyn[1].Pushes, 1);
+    on.Asyn[0].Send("kick");
+    on.Asyn[0].Expect(on.Asyn[0].Ends, 1);
+    on.Asyn[0].Connect(on.Serving);
+    on.Asyn[0].Send("again");
+    on.Asyn[0].ExpectReply("again");
+}
+
+void EndBursts(Stage &on) {
+    on.Asyn[1].Send(Pattern(9000, 'e'));
+    on.Serving.Stop();
+    on.Asyn[0].Expect(on.Asyn[0].Ends, 2);
+    on.Asyn[1].Disconnect();
+}
+
+// Connections, clients and servers end inside their own handlers; a handler stays through the stop.
+void ActInside(Stage &on) {
+    on.Serving.Start();
+    on.Other.Start();
+    on.Asyn[0].Connect(on.Serving);
+    on.Asyn[1].Connect(on.Other);
+    on.Asyn[0].Send("leave");
+    on.Asyn[1].Send("quit");
+    on.Asyn[0].Expect(on.Asyn[0].Left, 1);
+    on.Asyn[1].Expect(on.Asyn[1].Left, 1);
+    on.Asyn[0].Send("back");
+    on.Asyn[0].ExpectReply("back");
+    on.Syn[0].Connect(on.Serving);
+    on.Syn[1].Connect(on.Other);
+    on.Syn[0].IsAnswered("stop", 200);
+    on.Syn[1].IsAnswered("release", 200);
+    on.Serving.AwaitEndInside();
+    on.Other.AwaitEndInside();
+    on.Serving.Start();
+    on.Syn[0].Disconnect();
+    on.Syn[0].Connect(on.Serving);
+    on.Syn[0].ExpectEcho("restarted");
+}
+
+void EndInside(Stage &on) {
+    on.Syn[0].IsAnswered("stay", 200);
+    on.Serving.Stop();
+}
+
+constexpr struct {
+    const char *Name;
+    bool Serial;
+    void (*Act)(Stage &on);
+    void (*End)(Stage &on);
+} s_Scenes[] = {{"life", true, ActLife, EndLife},
+                {"bursts", false, ActBursts, EndBursts},
+                {"inside", false, ActInside, EndInside}};
+
+} // namespace
+
+std::vector<std::string> SceneNames() {
+    std::vector<std::string> names;
+    std::ranges::transform(s_Scenes, std::back_inserter(names),
+                           [](const auto &one) { return one.Name; });
+    return names;
+}
+
+// --- one process ------------------------------------------------------------------------------
+
+static void ArmFault(bool on, const Fault *fault) {
+    const bool failsHost = fault != nullptr && fault->Where.Call == "host";
+    const uint64_t done = s_Heap->CallCounts().Alloc;
+    s_Heap->StopFailing();
+    if (on && failsHost && (fault->ForEver || done < fault->Nth)) {
+        s_Heap->FailAllocation(done < fault->Nth ? fault->Nth - done : 1, fault->ForEver);
+    }
+    s_Obeyed = on;
+    Arm(on);
+}
+
+// The fault is over: what it left must serve at once, and count nobody who is not served.
+static void ExpectService(Stage &on, const char *when) {
+    const bool exact = s_Exact.exchange(false);
+    on.Serving.SettleEndInside();
+    Must(on.Serving.Runs() || on.Serving.Start(), std::string("server not started ") + when);
+    Caller *const callers[] = {&on.Syn[0], &on.Syn[1], &on.Syn[2], &on.Asyn[0], &on.Asyn[1]};
+    for (Caller *caller : callers) {
+        caller->ExpectService(on.Serving);
+    }
+    const auto isAll = [&] { return on.Serving.Object().GetClientCount() == 5; };
+    Must(Until(isAll, kReplyMs), std::string("clients counted that are none ") + when);
+    s_Exact = exact;
+}
+
+static ptrdiff_t ThreadCount() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+static void ExpectNothingLeft() {
+    Until([] { return ThreadCount() == 1 && Outstanding().empty(); }, kStopMs);
+    Must(ThreadCount() == 1, std::to_string(ThreadCount() - 1) + " threads left");
+    for (const auto &lines : {Outstanding(), Misdeeds()}) {
+        std::ranges::for_each(lines, [](const std::string &line) { Must(false, line); });
+    }
+    for (const Heap::Violation &violation : s_Heap->Violations()) {
+        Must(false, ToText(violation));
+    }
+    Must(s_Heap->LiveBlockCount() == 0, "host values left");
+}
+
+static void ExpectNoSpin(double wallSeconds) {
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    const double seconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec);
+    Must(seconds < 1.5 + wallSeconds / 4, "spins: " + std::to_string(seconds) + " s");
+}
+
+static int WatchLibrary(dl_phdr_info *object, size_t, void *fault) {
+    uintptr_t end = 0;
+    for (int i = 0; i < object->dlpi_phnum; ++i) {
+        end = std::max<uintptr_t>(end, object->dlpi_phdr[i].p_vaddr + object->dlpi_phdr[i].p_memsz);
+    }
+    const bool isIt = strcmp(object->dlpi_name, NRPC_LIBRARY) == 0;
+    isIt ? Watch(object->dlpi_addr, object->dlpi_addr + end, static_cast<Fault *>(fault)) : void();
+    return isIt ? 1 : 0;
+}
+
+static void OnCrash(int signal) {
+    void *frames[40];
+    dprintf(STDOUT_FILENO, "fell: signal %d\n", signal);
+    backtrace_symbols_fd(frames, backtrace(frames, 40), STDOUT_FILENO);
+    _exit(1);
+}
+
+void PlayScene(const std::string &name, Fault *fault, bool exact) {
+    for (const int number : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
+        signal(number, OnCrash);
+    }
+    signal(SIGPIPE, SIG_DFL);
+    const int64_t begin = NowMs();
+    s_Heap = new Heap;
+    s_Heap->SetPoison(true);
+    s_Library = new Library(NRPC_LIBRARY, *s_Heap);
+    dl_iterate_phdr(WatchLibrary, fault);
+    const auto scene = std::ranges::find(s_Scenes, name, [](const auto &one) { return one.Name; });
+    s_Exact = exact;
+    {
+        Stage on(scene->Serial);
+        ArmFault(true, fault);
+        scene->Act(on);
+        ArmFault(false, fault);
+        ExpectService(on, "after the fault");
+        ArmFault(true, fault);
+        scene->End(on);
+        ArmFault(false, fault);
+        ExpectService(on, "after the stop");
+        Hurry();
+        on.Asyn[0].Release();
+        on.Syn[0].Release();
+        on.Serving.Release();
+        on.Other.Release();
+    } // the other clients go after their server
+    ExpectNothingLeft();
+    ExpectNoSpin(static_cast<double>(NowMs() - begin) / 1000);
+    PrintHits();
+    const uint64_t hostCalls = s_Heap->CallCounts().Alloc;
+    const bool hostFired =
+        fault != nullptr && fault->Where.Call == "host" && hostCalls >= fault->Nth;
+    printf("hit host 0 any %u\nfired %u\n", static_cast<unsigned>(hostCalls),
+           FiredCount() + hostFired);
+    fflush(stdout);
+    _exit(s_Fell == 0 ? 0 : 1);
+}
+
+} // namespace nrpc::torture

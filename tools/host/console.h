@@ -1,0 +1,13 @@
+// console.h: lines typed while a service runs.
+#pragma once
+
+#include <string_view>
+
+#include "hostkit.h"
+
+namespace nrpc::tool {
+
+// Does what the line says and prints one line or more about it. False: the service is to stop.
+bool RunConsoleLine(hostkit::Server &server, std::string_view line);
+
+} // namespace nrpc::tool

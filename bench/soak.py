@@ -49,8 +49,8 @@ def panel(points, title, divisor, top, seconds):
     width, height, left = 820, 130, 70
     bottom = top + height
     most = max(value for _, value in points) / divisor * 1.1 or 1
-    line = " ".join(f"{left + at / seconds * width:.1f},{bottom - value / divisor / most * height:.1f}"
-                    for at, value in points)
+    right, up = width / seconds, height / most / divisor
+    line = " ".join(f"{left + at * right:.1f},{bottom - value * up:.1f}" for at, value in points)
     return (f'<text x="{left}" y="{top - 6}">{title}</text>'
             f'<rect x="{left}" y="{top}" width="{width}" height="{height}" fill="none"'
             ' stroke="#999"/>'

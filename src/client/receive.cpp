@@ -104,6 +104,32 @@ static bool MayRead(ClientContext *context) {
     return context->CloseFlag != 1;
 }
 
+// The socket reports bytes and has none: must become neither a busy loop nor an endless one. False
+// when that has lasted too long.
+static bool PauseInVain(uint64_t *sinceMs) {
+    const uint64_t now = MonotonicMs();
+    *sinceMs = *sinceMs == 0 ? now : *sinceMs;
+    MySleep(1);
+    return now - *sinceMs < kVainMs;
+}
+
+// True when there is a result to return.
+static bool TakeBytes(ClientContext *context, const uint8_t *bytes, int32_t len,
+                      ClientRecvResult *result) {
+    int32_t packets = 0;
+    const FeedResult fed =
+        Assembly_Feed(&context->Received, bytes, len, TakeMessage, context, &packets);
+    if (packets > 0) {
+        NotePacket(context);
+    }
+    if (fed != kFed) {
+        *result = fed == kFeedDiscarded ? GiveUp(context, kNoMessage) : Drop(context);
+        return true;
+    }
+    *result = kMessagesReceived;
+    return packets > 0 && !Assembly_IsPartial(&context->Received);
+}
+
 ClientRecvResult ClientRecvData(ClientContext *context) {
     uint64_t vainSinceMs = 0; // 0: the last attempt was not in vain
     for (int32_t idleWaits = 0; MayRead(context);) {
@@ -126,28 +152,16 @@ ClientRecvResult ClientRecvData(ClientContext *context) {
             return GiveUp(context, kConnectionLost);
         }
         if (len == kNothingYet) {
-            // Readable, and yet nothing there: must become neither a busy loop nor an endless one.
-            const uint64_t now = MonotonicMs();
-            vainSinceMs = vainSinceMs == 0 ? now : vainSinceMs;
-            if (now - vainSinceMs >= kVainMs) {
+            if (!PauseInVain(&vainSinceMs)) {
                 return GiveUp(context, kNoMessage);
             }
-            MySleep(1);
             continue;
         }
         vainSinceMs = 0;
         idleWaits = 0;
-        int32_t packets = 0;
-        const FeedResult fed =
-            Assembly_Feed(&context->Received, bytes, len, TakeMessage, context, &packets);
-        if (packets > 0) {
-            NotePacket(context);
-        }
-        if (fed != kFed) {
-            return fed == kFeedDiscarded ? GiveUp(context, kNoMessage) : Drop(context);
-        }
-        if (packets > 0 && !Assembly_IsPartial(&context->Received)) {
-            return kMessagesReceived;
+        ClientRecvResult result = kMessagesReceived;
+        if (TakeBytes(context, bytes, len, &result)) {
+            return result;
         }
     }
     return kNoMessage;

@@ -9,8 +9,11 @@ std::string LibraryPath(const Program &program) {
     return program.LibraryPath.empty() ? hostkit::FindLibrary() : program.LibraryPath;
 }
 
-std::string Counted(size_t count, std::string_view noun) {
-    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+std::string Counted(uint64_t count, std::string_view noun, std::string_view plural) {
+    if (count == 1 || plural.empty()) {
+        return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+    }
+    return fmt::format("{} {}", count, plural);
 }
 
 std::string Excerpt(hostkit::ByteSpan payload) {
@@ -55,6 +58,7 @@ static int Main(int argc, char **argv) {
     AddDescribe(app, program);
     AddServe(app, program);
     AddCall(app, program);
+    AddLoad(app, program);
     AddDemo(app, program);
     AddDemoServer(app, program);
     AddDemoClient(app, program);

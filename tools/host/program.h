@@ -30,6 +30,7 @@ void AddDemo(CLI::App &app, Program &program);
 void AddDemoClient(CLI::App &app, Program &program);
 void AddDemoServer(CLI::App &app, Program &program);
 void AddDescribe(CLI::App &app, Program &program);
+void AddLoad(CLI::App &app, Program &program);
 void AddServe(CLI::App &app, Program &program);
 
 // One line of output, written as a whole: several threads may print.
@@ -41,7 +42,7 @@ void PrintLine(fmt::format_string<Args...> format, Args &&...args) {
 }
 
 // "1 client", "2 clients"
-std::string Counted(size_t count, std::string_view noun);
+std::string Counted(uint64_t count, std::string_view noun, std::string_view plural = {});
 
 // The beginning of a payload of the host, quoted and readable.
 std::string Excerpt(hostkit::ByteSpan payload);

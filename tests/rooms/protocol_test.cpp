@@ -334,8 +334,9 @@ TEST(Gates, NobodyIsInsideAfterADrain) {
     int guarded = 0; // changed inside by one thread, outside by the other
     std::thread visitor([&] {
         while (!done) {
-            const GatePass pass(&gate);
-            guarded += pass ? 1 : 0;
+            if (const GatePass pass(&gate); pass) {
+                ++guarded;
+            }
         }
     });
     for (int round = 0; round < 300; ++round) {

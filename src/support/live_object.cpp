@@ -12,7 +12,7 @@ struct Bucket {
 };
 
 constexpr uint32_t kBucketCount = 32; // a fork takes the locks of all
-Bucket s_Buckets[kBucketCount]; // zeros are valid locks and empty chains
+Bucket s_Buckets[kBucketCount];       // zeros are valid locks and empty chains
 
 // A plain mutex, not a heap lock: the buckets exist from load to the end of the process.
 class BucketGuard {

@@ -89,6 +89,10 @@ class Process:
         with open(f"/proc/{self.pid}/statm", encoding="ascii") as file:
             return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
+    def mapping_count(self):
+        with open(f"/proc/{self.pid}/maps", encoding="ascii") as file:
+            return len(file.readlines())
+
     def thread_count(self):
         return len(os.listdir(f"/proc/{self.pid}/task"))
 

@@ -1,13 +1,15 @@
-"""A steady mixed load of clients that come and go: whether the server ends as it began.
+"""A steady mixed load of clients that come, go and misbehave: whether the server ends as it began.
 
 Eight threads connect, ask synchronously or with 20 requests under way (8 bytes to 256 KiB), go and
-pause. After a warm-up (a tenth of the time) the medians of the first and of the last quarter must
-be the same, but for what the elastic pools breathe.
+pause; a ninth plays the peers of misbehave.py. After a warm-up (a tenth of the time) the medians of
+the first and of the last quarter must be the same, but for what the elastic pools breathe.
 """
 
 import statistics
 import threading
 import time
+
+import misbehave
 
 SAMPLE_S = 5
 SEED = 1
@@ -17,6 +19,7 @@ SERIES = (
     ("memory", "resident memory, MiB", 2**20, 0.10, 2**20),
     ("threads", "threads", 1, 0.10, 4),
     ("descriptors", "descriptors", 1, 0.0, 8),
+    ("mappings", "mappings", 1, 0.10, 8),
     ("p50_us", "reply to 64 bytes, half below, ms", 1000, 0.15, 1000),
 )
 
@@ -34,6 +37,7 @@ def sample(server, start, samples):
     samples["memory"].append((now, server.resident_bytes()))
     samples["threads"].append((now, server.thread_count()))
     samples["descriptors"].append((now, server.descriptor_count()))
+    samples["mappings"].append((now, server.mapping_count()))
 
 
 def ends(points, seconds):
@@ -60,12 +64,12 @@ def panel(points, title, divisor, top, seconds):
 
 
 def plot(samples, seconds):
-    parts = ['<svg xmlns="http://www.w3.org/2000/svg" width="920" height="720"'
+    parts = ['<svg xmlns="http://www.w3.org/2000/svg" width="920" height="885"'
              ' font-family="sans-serif" font-size="12">'
-             '<rect width="920" height="720" fill="#fff"/>']
+             '<rect width="920" height="885" fill="#fff"/>']
     for index, (key, title, divisor, _, _) in enumerate(SERIES):
         parts.append(panel(samples[key], title, divisor, 30 + index * 165, seconds))
-    parts.append(f'<text x="70" y="700">0 to {seconds / 60:.1f} minutes</text></svg>')
+    parts.append(f'<text x="70" y="865">0 to {seconds / 60:.1f} minutes</text></svg>')
     return "\n".join(parts) + "\n"
 
 
@@ -86,14 +90,22 @@ def run(library, minutes, path):
     last = {}
     with library.server() as server:
         start = time.monotonic()
+        is_over = threading.Event()
+        rogue = threading.Thread(target=misbehave.run, args=(server.port, is_over, SEED),
+                                 daemon=True)
         with library.process("mixed", server.port, seconds, SEED) as client:
             reader = threading.Thread(target=collect, args=(client, samples, last))
             reader.start()
+            rogue.start()
             while reader.is_alive():
                 sample(server, start, samples)
                 path.write_text(plot({key: points or [(0, 0)] for key, points in samples.items()},
                                      seconds), encoding="utf-8")
                 reader.join(SAMPLE_S)
+            if not rogue.is_alive():
+                last.clear()  # the server let nobody in
+            is_over.set()
+            rogue.join()
     if not last:
         print("the load broke off")
         return 1

@@ -1,0 +1,57 @@
+"""Peers that no server wishes for, for the soak: five come each second and stay for some two."""
+
+import collections
+import contextlib
+import random
+import socket
+import struct
+import time
+
+PAUSE_S = 0.2
+GUESTS = 10
+ASKED = 4 << 20  # bytes of a request whose reply nobody reads
+
+
+def packet(total, chunk):
+    return struct.pack("<4s4siii", b"NMSG", b"0011", total, 0, len(chunk)) + chunk
+
+
+def request(size):
+    record = b"<Msg0011>%d</Msg0011>" % size + bytes(size)
+    chunks = [record[at:at + 8192] for at in range(0, len(record), 8192)]
+    heads = (struct.pack("<4s4siii", b"NMSG", b"0011", len(record), index, len(chunk))
+             for index, chunk in enumerate(chunks))
+    return b"".join(head + chunk for head, chunk in zip(heads, chunks))
+
+
+MISDEEDS = (
+    b"",
+    b"GET / HTTP/1.1\r\n\r\n" * 100,  # another protocol
+    packet(100, b"x" * 100)[:11],  # half a head
+    packet(256 << 20, b"x" * 8192),  # the beginning of much
+    packet(5, b"wrong") * 20,  # messages without a record
+    packet(30, b"x" * 10) + b"garbage" * 10,
+    request(ASKED),
+)
+
+
+def end(guest, roughly):
+    if roughly:
+        guest.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    guest.close()
+
+
+def run(port, is_over, seed):
+    """Until `is_over`, an event, is set."""
+    dice = random.Random(seed)
+    guests = collections.deque()
+    while not is_over.is_set():
+        guest = socket.create_connection(("127.0.0.1", port), 10)
+        with contextlib.suppress(OSError):  # thrown out while it talks
+            guest.sendall(dice.choice(MISDEEDS))
+        guests.append(guest)
+        if len(guests) > GUESTS:
+            end(guests.popleft(), dice.random() < 0.5)
+        time.sleep(PAUSE_S)
+    while guests:
+        end(guests.popleft(), True)

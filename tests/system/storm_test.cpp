@@ -1,31 +1,14 @@
 // Servers start, stop and kick, clients connect, ask, disconnect and go, all at random and from
 // several threads each. Whatever happens, replies are right or missing, ends are told of once, and
 // nothing is left. NRPC_JITTER_SEED chooses the run, NRPC_STORM_ROUNDS its length.
-#include <cstdlib>
 #include <deque>
 #include <map>
-#include <random>
 
 #include "system/support.h"
 
 namespace nrpc::tests {
 
 namespace {
-
-uint32_t FromEnvironment(const char *name, uint32_t otherwise) {
-    const char *text = getenv(name);
-    return text != nullptr ? static_cast<uint32_t>(strtoul(text, nullptr, 10)) : otherwise;
-}
-
-class Dice {
-  public:
-    explicit Dice(uint32_t seed) : m_Random(seed) {}
-    int Roll(int sides) { return static_cast<int>(m_Random() % static_cast<uint32_t>(sides)); }
-    void Pause(int limitMs) { usleep(static_cast<useconds_t>(Roll(limitMs * 1000))); }
-
-  private:
-    std::mt19937 m_Random;
-};
 
 // A server object that several threads start and stop. Each start has a book of its own.
 class StormyServer {

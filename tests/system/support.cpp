@@ -31,6 +31,11 @@ Library &TheLibrary() {
     return *s_Library;
 }
 
+uint32_t FromEnvironment(const char *name, uint32_t otherwise) {
+    const char *text = getenv(name);
+    return text != nullptr ? static_cast<uint32_t>(strtoul(text, nullptr, 10)) : otherwise;
+}
+
 int64_t NowMs() {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();

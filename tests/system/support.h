@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <set>
 #include <string>
 #include <string_view>
@@ -51,6 +53,21 @@ inline constexpr const char *kLoopback = "127.0.0.1";
 // Loaded at the first call, with TheHeap (in poison mode) as its service.
 Library &TheLibrary();
 Heap &TheHeap();
+
+// --- chance -----------------------------------------------------------------------------------
+
+// What a test that goes by chance is told from outside.
+uint32_t FromEnvironment(const char *name, uint32_t otherwise);
+
+class Dice {
+  public:
+    explicit Dice(uint32_t seed) : m_Random(seed) {}
+    int Roll(int sides) { return static_cast<int>(m_Random() % static_cast<uint32_t>(sides)); }
+    void Pause(int limitMs) { usleep(static_cast<useconds_t>(Roll(limitMs * 1000))); }
+
+  private:
+    std::mt19937 m_Random;
+};
 
 // --- waiting and counting ---------------------------------------------------------------------
 
@@ -145,6 +162,7 @@ class Listener {
     Listener(const Listener &) = delete;
     Listener &operator=(const Listener &) = delete;
     int32_t Port() const { return m_Port; }
+    int Descriptor() const { return m_Socket; }
     Peer Accept(double seconds = kPatience); // a failure is the test's
     void Close();
 

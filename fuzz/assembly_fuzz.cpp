@@ -1,13 +1,14 @@
 // The first byte chooses how the rest, the bytes of one connection, is cut into reads. However they
 // are cut, the messages are those that the plain model below finds, up to the first bytes that are
 // no packet; afterwards nothing is left in the budget.
-#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "check.h"
+#include "failing_malloc.h"
 #include "protocol/assembly.h"
+#include "stream.h"
 
 using namespace nrpc;
 
@@ -18,25 +19,6 @@ struct Outcome {
     bool Partial = false;
     bool operator==(const Outcome &) const = default;
 };
-
-// Mutations rarely hit upon packets that fit together. Heads with an odd first byte are made
-// packets from a small world: two ids, few indexes, short chunks. The others stay as they are.
-static void MendPackets(std::string *stream) {
-    PacketHead head;
-    for (size_t at = 0; stream->size() - at >= sizeof(head);) {
-        std::memcpy(&head, stream->data() + at, sizeof(head));
-        if (head.Magic[0] % 2 != 0) {
-            std::memcpy(head.Magic, "NMSG", sizeof(head.Magic));
-            std::memcpy(head.MsgID, head.MsgID[3] % 2 != 0 ? "0011" : "0012", sizeof(head.MsgID));
-            head.TotalLen &= 31;
-            head.ChunkIndex &= 3;
-            head.ChunkLen = head.TotalLen == 0 ? 0 : (head.ChunkLen & 15) + 1;
-            std::memcpy(stream->data() + at, &head, sizeof(head));
-        }
-        at += sizeof(head);
-        at += std::min(stream->size() - at, static_cast<size_t>(head.ChunkLen));
-    }
-}
 
 static bool IsGarbage(const PacketHead &head) {
     return std::memcmp(head.Magic, "NMSG", sizeof(head.Magic)) != 0 || head.ChunkLen < 0 ||
@@ -76,23 +58,23 @@ static Outcome Model(std::string stream) {
 
 static void KeepMessage(void *receiver, MessageChunk *chunks) {
     chunks = JoinChunks(chunks);
+    if (chunks == nullptr) {
+        return; // no memory
+    }
     static_cast<Outcome *>(receiver)->Messages.emplace_back(
         reinterpret_cast<const char *>(chunks->Data), chunks->Len);
     FreeChunks(chunks);
 }
 
-// In one piece when `random` is 0, otherwise in reads of 1 to 32 bytes.
-static Outcome FeedInPieces(const std::string &stream, uint32_t random) {
+static Outcome FeedInReads(const std::string &stream, uint32_t random) {
     Outcome outcome;
     Assembly assembly = {};
-    for (size_t at = 0; at < stream.size() && !outcome.Garbage;) {
-        const std::string piece =
-            stream.substr(at, random == 0 ? stream.size() : (random >> 27) + 1);
-        outcome.Garbage = Assembly_Feed(&assembly, reinterpret_cast<const uint8_t *>(piece.data()),
-                                        static_cast<int32_t>(piece.size()), KeepMessage, &outcome,
-                                        &outcome.Packets) != kFed;
-        at += piece.size();
-        random *= 1664525; // an odd number never becomes 0
+    for (const Bytes &read : CutIntoReads(stream, random)) {
+        outcome.Garbage = Assembly_Feed(&assembly, read.data(), static_cast<int32_t>(read.size()),
+                                        KeepMessage, &outcome, &outcome.Packets) != kFed;
+        if (outcome.Garbage) {
+            break;
+        }
     }
     outcome.Partial = Assembly_IsPartial(&assembly);
     Assembly_Reset(&assembly);
@@ -100,13 +82,30 @@ static Outcome FeedInPieces(const std::string &stream, uint32_t random) {
     return outcome;
 }
 
+// Without memory for the n-th allocation a message may be lost, or the connection, but no message
+// comes in part or twice.
+static void CheckExhausted(const std::string &stream, uint32_t random, int32_t n,
+                           const Outcome &expected) {
+    g_MallocsToFailure = n;
+    const Outcome outcome = FeedInReads(stream, random);
+    const bool failed = g_MallocsToFailure == 0;
+    g_MallocsToFailure = 0;
+    CHECK(failed || outcome == expected);
+    auto next = expected.Messages.begin();
+    for (const std::string &message : outcome.Messages) {
+        next = std::find(next, expected.Messages.end(), message);
+        CHECK(next++ != expected.Messages.end());
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 0) {
         std::string stream(reinterpret_cast<const char *>(data) + 1, size - 1);
         MendPackets(&stream);
         const Outcome expected = Model(stream);
-        CHECK(FeedInPieces(stream, 0) == expected);
-        CHECK(FeedInPieces(stream, data[0] * 0x01000193u | 1) == expected);
+        CHECK(FeedInReads(stream, 0) == expected);
+        CHECK(FeedInReads(stream, CutsOf(data[0])) == expected);
+        CheckExhausted(stream, CutsOf(data[0]), 1 + data[0] % 16, expected);
     }
     return 0;
 }

@@ -1,6 +1,8 @@
 // fuzz/check.h: what a fuzzer holds to be true. A violation ends the process, and with it the run.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
@@ -11,3 +13,6 @@
             std::abort();                                                                          \
         }                                                                                          \
     } while (false)
+
+// What each fuzzer consists of. Answers 0.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);

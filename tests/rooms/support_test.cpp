@@ -1,20 +1,19 @@
-// Buffers, strings and word arrays against plain models, their storage, and the pool under load.
+// Buffers, strings and word arrays: their operations, their storage, and the pool under load.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "fuzz/check.h"
 #include "support/byte_buffer.h"
 #include "support/text_string.h"
 #include "support/threads.h"
-#include "support/word_array.h"
 
 using namespace nrpc;
 
@@ -32,22 +31,6 @@ struct Owned : Record {
 using Buffer = Owned<CMem>;
 using String = Owned<NString>;
 
-std::mt19937 s_Random(20240607);
-
-int32_t Pick(int32_t low, int32_t high) {
-    return std::uniform_int_distribution<int32_t>(low, high)(s_Random);
-}
-
-// Now and then a number that no buffer can have as its size or position.
-int32_t PickNumber(int32_t low, int32_t high) {
-    static constexpr int32_t kBad[] = {INT32_MIN, kMaxMemSize + 1, INT32_MAX - 1, INT32_MAX};
-    return Pick(0, 29) == 0 ? kBad[Pick(0, 3)] : Pick(low, high);
-}
-
-bool IsPooled(const CMem &mem) {
-    return mem.Ptr >= _m_membuf.Slots[0] && mem.Ptr < _m_membuf.Slots[0] + sizeof _m_membuf.Slots;
-}
-
 Bytes BytesOf(const CMem &mem) {
     return Bytes(mem.Ptr, mem.Ptr + mem.Size);
 }
@@ -59,84 +42,14 @@ int32_t CapacityFor(CMem *mem, int32_t size) {
 
 } // namespace
 
-TEST(Buffer, AgreesWithVectorInEveryOperation) {
-    Buffer mems[kPoolSlotCount + 8];
-    Bytes models[std::size(mems)];
-    for (int32_t step = 0; step < 60000; ++step) {
-        const int32_t index = Pick(0, std::size(mems) - 1);
-        CMem *mem = &mems[index];
-        Bytes &model = models[index];
-        const int32_t other = Pick(0, std::size(mems) - 1);
-        const int32_t size = mem->Size;
-        const int32_t position = PickNumber(-2, size + (Pick(0, 3) == 0 ? 9 : 0));
-        const int32_t oldCount = PickNumber(-1, Pick(0, 3) == 0 ? 500 : 20);
-        int32_t count = PickNumber(-2, Pick(0, 19) == 0 ? 900 : 40);
-
-        // What goes in: zeros, bytes from elsewhere, or a stretch of the buffer itself.
-        Bytes data(static_cast<size_t>(count < 0 || count > 900 ? 0 : count));
-        Bytes elsewhere;
-        const uint8_t *source = nullptr;
-        if (const int32_t kind = Pick(0, 3); kind == 0 && size > 0) {
-            source = mem->Ptr + Pick(0, size - 1);
-            count = std::min(count, static_cast<int32_t>(mem->Ptr + size - source));
-            data.assign(source, source + std::max(count, 0));
-        } else if (kind != 1) {
-            std::generate(data.begin(), data.end(), [] { return uint8_t(Pick(0, 255)); });
-            elsewhere = data;
-            source = elsewhere.data();
-        }
-
-        bool wanted = true;
-        int32_t result = 1;
-        int32_t unsetEnd = 0; // from the old end up to here the operation sets nothing
-        const auto splice = [&](bool allowed, int32_t at, int32_t removed, int32_t added) {
-            wanted = allowed && (added <= 0 || int64_t{std::max(at, size)} + added <= kMaxMemSize);
-            if (wanted) {
-                const auto first = model.begin() + std::min(at, size);
-                model.erase(first, first + std::min<std::ptrdiff_t>(removed, model.end() - first));
-            }
-            if (wanted && added > 0) {
-                unsetEnd = at;
-                model.resize(std::max(model.size(), static_cast<size_t>(at)));
-                model.insert(model.begin() + at, data.begin(), data.end());
-            }
-        };
-        const bool isPlace = position >= 0 && count >= 0;
-        const bool isRange = position >= -1 && oldCount >= 0 && (position < size || oldCount == 0);
-        const int32_t removeAt = position == -1 ? size - std::clamp(oldCount, 0, size) : position;
-        const std::function<void()> operations[] = {
-            [&] { splice(true, size, 0, count), result = CMem_Append(mem, source, count); },
-            [&] {
-                splice(isPlace || count == 0, std::max(position, 0), 0, count);
-                result = CMem_Insert(mem, position, source, count);
-            },
-            [&] {
-                splice(isPlace && oldCount >= 0, position, oldCount, count);
-                result = CMem_Replace(mem, position, oldCount, source, count);
-            },
-            [&] {
-                splice(isRange, removeAt, oldCount, 0);
-                result = CMem_Remove(mem, position, oldCount);
-            },
-            [&] { splice(true, 0, size, count), result = CMem_CopyFrom(mem, source, count); },
-            [&] {
-                wanted = count > 0 && count <= kMaxMemSize, unsetEnd = count;
-                model.resize(static_cast<size_t>(wanted || count == 0 ? count : size));
-                result = CMem_Realloc(mem, count) != nullptr ? 1 : 0;
-            },
-            [&] { model.clear(), CMem_Empty(mem); },
-            [&] { model.clear(), CMem_Free(mem); },
-            [&] { std::swap(model, models[other]), CMem_XchgMem(mem, &mems[other]); }};
-        const auto operation = static_cast<size_t>(Pick(0, std::size(operations) - 1));
-        operations[operation]();
-        if (unsetEnd > size && unsetEnd <= mem->Size) {
-            std::fill(mem->Ptr + size, mem->Ptr + unsetEnd, uint8_t{0});
-        }
-        ASSERT_EQ(result, wanted ? 1 : 0) << operation << " in step " << step;
-        ASSERT_EQ(BytesOf(*mem), model) << operation << " in step " << step;
-        ASSERT_EQ(CMem_GetPtr(mem), model.empty() ? nullptr : mem->Ptr);
-        ASSERT_TRUE(IsPooled(*mem) ? mem->Capacity == kPoolSlotLen : mem->Capacity >= mem->Size);
-        ASSERT_EQ(std::count_if(std::begin(mems), std::end(mems), IsPooled), _m_membuf.UsedCount);
+// The fuzzer of the containers is built into this program.
+TEST(Containers, AgreeWithPlainModelsInEveryOperation) {
+    std::mt19937 random(20240607);
+    Bytes input(size_t{1} << 20);
+    for (uint8_t kind = 0; kind < 3; ++kind) {
+        std::generate(input.begin(), input.end(), [&random] { return uint8_t(random()); });
+        input[0] = kind;
+        EXPECT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
     }
 }
 
@@ -262,78 +175,6 @@ TEST(Pool, ServesManyThreadsAndForks) {
     EXPECT_EQ(FindByte(_m_membuf.InUse, kPoolSlotCount, 1), -1);
 }
 
-TEST(String, AgreesWithStdStringInEveryOperation) {
-    String strings[3];
-    std::string models[3];
-    for (int32_t step = 0; step < 60000; ++step) {
-        const int32_t index = Pick(0, 2);
-        const int32_t otherIndex = Pick(0, 2); // often the string itself
-        NString *str = &strings[index];
-        NString *other = &strings[otherIndex];
-        std::string &model = models[index];
-        std::string &otherModel = models[otherIndex];
-        const auto length = static_cast<int32_t>(model.size());
-
-        // A text from elsewhere, or the end of the string itself.
-        std::string text;
-        for (int32_t left = Pick(0, 8) == 0 ? Pick(0, 400) : Pick(0, 5); left > 0; --left) {
-            text += " aZ\xB0\xC1"[Pick(0, 4)];
-        }
-        const std::string elsewhere = text;
-        const char *source = elsewhere.c_str();
-        if (Pick(0, 4) == 0) {
-            source = NString_GetText(str) + Pick(0, length);
-            text = source;
-        }
-        const char character = "a Z"[Pick(0, 3)]; // also the zero behind them
-        const std::string added(character != '\0', character);
-        const int32_t count = PickNumber(-1, length + 2);
-        const size_t n = static_cast<size_t>(std::max(count, 0));
-        const int32_t position = PickNumber(-1, length + 2);
-        const bool isInside = position >= 0 && position <= length;
-        const size_t at = isInside ? static_cast<size_t>(position) : model.size();
-
-        int32_t result = 1;
-        int32_t wanted = 1;
-        const std::function<void()> operations[] = {
-            [&] {
-                NString_SetText(str, source), model = text;
-                ASSERT_EQ(CMem_IsEmpty(str), text.empty() ? 1 : 0); // no block for no text
-            },
-            [&] { result = NString_SetStr(str, other), model = otherModel; },
-            [&] { NString_SetTextPart(str, source, count), model = text.substr(0, size_t(count)); },
-            [&] { NString_SetChar(str, character), model = added; },
-            [&] { NString_AddChar(str, character), model += added; },
-            [&] { NString_AddText(str, source), model += text; },
-            [&] { result = NString_AddStr(str, other), model += std::string(otherModel); },
-            [&] {
-                result = NString_Insert(str, position, source), wanted = isInside ? 1 : 0;
-                model.insert(at, isInside ? text : "");
-            },
-            [&] { NString_Delete(str, position, count), model.erase(at, n); },
-            [&] { NString_GetLeft(str, count, other), otherModel = model.substr(0, n); },
-            [&] {
-                NString_GetRight(str, count, other);
-                otherModel = model.substr(model.size() - std::min(model.size(), n));
-            },
-            [&] { NString_TrimLeft(str), model.erase(0, model.find_first_not_of(' ')); },
-            [&] { NString_TrimRight(str), model.erase(model.find_last_not_of(' ') + 1); }};
-        operations[Pick(0, std::size(operations) - 1)]();
-        if (model.size() > 2000) { // strings added to themselves grow without end
-            NString_Empty(str), model.clear();
-        }
-        ASSERT_EQ(result, wanted) << "step " << step;
-        for (const int32_t each : {index, otherIndex}) {
-            const auto wantedLen = static_cast<int32_t>(models[each].size());
-            ASSERT_EQ(NString_GetText(&strings[each]), models[each]) << "step " << step;
-            ASSERT_EQ(NString_GetLength(&strings[each]), wantedLen);
-            ASSERT_EQ(strings[each].Size, wantedLen + (strings[each].Size == 0 ? 0 : 1));
-        }
-        ASSERT_EQ(NString_EndOfText(str, elsewhere.c_str()), model.ends_with(elsewhere) ? 1 : 0);
-        ASSERT_EQ(NString_EndOfChar(str, character), model.ends_with(character) ? 1 : 0);
-    }
-}
-
 TEST(String, MapsTheCaseOfLettersButNotOfGbkCharacters) {
     String str; // letters, their neighbours, second bytes that look like letters, half a character
     NString_init_text_(&str, "@aZ[`z{\xB0\x61\x81\x5A-bY\xC4\xE3q\xC4");
@@ -341,41 +182,6 @@ TEST(String, MapsTheCaseOfLettersButNotOfGbkCharacters) {
     EXPECT_STREQ(NString_GetText(&str), "@AZ[`Z{\xB0\x61\x81\x5A-BY\xC4\xE3Q\xC4");
     NString_MakeLower(&str);
     EXPECT_STREQ(NString_GetText(&str), "@az[`z{\xB0\x61\x81\x5A-by\xC4\xE3q\xC4");
-}
-
-TEST(WordArray, KeepsItsElementsInEveryOperation) {
-    constexpr ArrayWord kTop = UINTPTR_MAX;
-    Owned<CDWordArray> array;
-    const auto holds = [&array](const std::vector<ArrayWord> &wanted) {
-        std::vector<ArrayWord> all;
-        for (int32_t index = 0; index <= CDWordArray_GetUpperBound(&array); ++index) {
-            all.push_back(CDWordArray_GetAt(&array, index));
-        }
-        return all == wanted;
-    };
-    for (const ArrayWord value : {ArrayWord{1}, kTop, ArrayWord{3}}) {
-        EXPECT_EQ(CDWordArray_Add(&array, value), 1);
-    }
-    EXPECT_EQ(CDWordArray_InsertAt(&array, 1, 9), 1);
-    EXPECT_EQ(CDWordArray_Append(&array, &array), 4);
-    EXPECT_TRUE(holds({1, 9, kTop, 3, 1, 9, kTop, 3}));
-    EXPECT_EQ(CDWordArray_Find(&array, kTop), 2);
-    EXPECT_EQ(CDWordArray_Find(&array, 4), -1);
-    EXPECT_EQ(CDWordArray_RemoveAt(&array, 1, 2), 1);
-    EXPECT_EQ(CDWordArray_RemoveAt(&array, 3, 99), 1);
-    for (const int32_t bad : {-1, INT32_MAX / 4 + 1, INT32_MAX}) { // as bytes these are no sizes
-        EXPECT_EQ(CDWordArray_RemoveAt(&array, bad, 1), 0);
-        EXPECT_EQ(CDWordArray_RemoveAt(&array, 0, bad), 0);
-        EXPECT_EQ(CDWordArray_InsertAt(&array, bad, 5), 0);
-        EXPECT_EQ(CDWordArray_SetSize(&array, bad), 0);
-    }
-    EXPECT_EQ(CDWordArray_Copy(&array, &array), 1);
-    EXPECT_TRUE(holds({1, 3, 1}));
-    EXPECT_EQ(CDWordArray_SetSize(&array, 2), 1);
-    CDWordArray_SetAt(&array, 1, 8);
-    EXPECT_TRUE(holds({1, 8}));
-    EXPECT_EQ(CDWordArray_SetSize(&array, 0), 0);
-    EXPECT_EQ(CDWordArray_GetUpperBound(&array), -1);
 }
 
 TEST(Clock, IsTheOneThatNobodySets) {

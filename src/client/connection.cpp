@@ -176,6 +176,9 @@ bool StopConnect(ClientContext *context, uint32_t pauseMs) {
     MySleep(pauseMs);
     const bool ended = EndThreads(context);
     if (!Gate_Drain(&context->Requests, kEndWaitMs) || !ended) {
+        // Whoever is left inside may stay for ever; what waits is not to stay with it.
+        RemoveAllFromSendDataList(context);
+        RemoveAllFromWorkDataList(context);
         return false;
     }
     ReleaseConnection(context);

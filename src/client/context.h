@@ -93,6 +93,9 @@ struct ClientContext {
     // Id of the message whose packets arrive just now, its four characters in one word; 0 when
     // none. Written by the receive thread.
     std::atomic<uint32_t> ReceivingMsgID;
+    // 1: a synchronous request waits. Its reply is read whatever the budget says, as it may be what
+    // lets a handler of this process go on and the budget fall.
+    std::atomic<int32_t> AwaitsReply;
 
     // The receive thread's. The close message is made when connecting, so that reporting the end
     // cannot fail; null once it was reported.

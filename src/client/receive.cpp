@@ -49,7 +49,11 @@ void DealWithData(ClientContext *context, MessageChunk *chunks) {
     }
     Record record;
     RecordResult result = ReadRecord(&reader, &record);
-    while (result == kRecordTaken && AddReceived(context, &reader, &record)) {
+    // What nobody may ever take must not grow with one message's records either.
+    const auto isWelcome = [context] {
+        return context->RequestMode == kAsynchronous || !IsWorkDataListFull(context);
+    };
+    while (result == kRecordTaken && isWelcome() && AddReceived(context, &reader, &record)) {
         result = ReadRecord(&reader, &record);
     }
     if (result == kRecordClose && context->RequestMode == kAsynchronous) {
@@ -96,8 +100,10 @@ static ClientRecvResult Drop(ClientContext *context) {
 
 // Reading waits while nobody takes the messages that are there. False when the connection ends.
 static bool MayRead(ClientContext *context) {
-    while (context->CloseFlag != 1 && (IsWorkDataListFull(context) || BudgetIsExceeded()) &&
-           !context->Received.Account.Evicted) {
+    const auto isEnough = [context] {
+        return IsWorkDataListFull(context) || (context->AwaitsReply == 0 && BudgetIsExceeded());
+    };
+    while (context->CloseFlag != 1 && isEnough() && !context->Received.Account.Evicted) {
         context->ReceivingMsgID = 0; // nothing arrives: a waiting request's time goes on
         MySleep(kFullListMs);
     }

@@ -109,7 +109,10 @@ int32_t SynRequest(ClientContext *context, const uint8_t *data, int32_t length, 
         AbandonMessage(&context->Outgoing);
         return sent;
     }
-    return AwaitReply(context, msgID, &timer, reply);
+    context->AwaitsReply = 1;
+    const int32_t result = AwaitReply(context, msgID, &timer, reply);
+    context->AwaitsReply = 0;
+    return result;
 }
 
 } // namespace nrpc

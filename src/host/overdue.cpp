@@ -105,7 +105,7 @@ static void BreakOff(int, siginfo_t *, void *where) {
     const int savedErrno = errno;
     const RoutineThread *thread = ThisRoutineThread();
     auto &registers = static_cast<ucontext_t *>(where)->uc_mcontext.gregs;
-    if (thread != nullptr && thread->InRoutine != 0 &&
+    if (thread != nullptr && thread->MayBreakOff != 0 &&
         !IsProtectedCode(static_cast<HostWord>(registers[REG_EIP]))) {
         int state = PTHREAD_CANCEL_DISABLE;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);

@@ -25,6 +25,7 @@ static void ThreadEndedInRoutine(void *value) {
 
 bool EnterRoutineThread(RoutineThread *thread, const sigset_t &mask) {
     thread->InRoutine = 0;
+    thread->MayBreakOff = 0;
     if (pthread_setspecific(s_ThreadKey, thread) != 0) {
         return false;
     }
@@ -36,14 +37,29 @@ void LeaveRoutineThread(RoutineThread *) {
     pthread_setspecific(s_ThreadKey, nullptr);
 }
 
-void RunRoutine(RoutineThread *thread, HostWord routine, const void *message) {
-    const uint32_t forks = s_Forks;
-    thread->InRoutine = 1;
+// The thread ends: its stack is no longer that of the call, though destructors of the host's
+// thread-local data may still compute on it.
+static void NoteEnding(void *thread) {
+    static_cast<RoutineThread *>(thread)->MayBreakOff = 0;
+}
+
+// The shield is down in here.
+static void CallRoutine(RoutineThread *thread, HostWord routine, const void *message) {
+    pthread_cleanup_push(NoteEnding, thread);
+    thread->MayBreakOff = 1;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     CallHost(routine, reinterpret_cast<HostWord>(message), 0, 0, &thread->CallFrame);
     // The routine may have changed both.
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+    thread->MayBreakOff = 0;
+    pthread_cleanup_pop(0);
+}
+
+void RunRoutine(RoutineThread *thread, HostWord routine, const void *message) {
+    const uint32_t forks = s_Forks;
+    thread->InRoutine = 1;
+    CallRoutine(thread, routine, message);
     thread->InRoutine = 0;
     if (forks != s_Forks) {
         // The routine forked, and this is the child: the thread that goes on here has none of the

@@ -24,9 +24,12 @@ struct RoutineThread {
     void (*OnEnd)(RoutineThread *thread);
     // The object on whose behalf the thread runs.
     const void *Object;
-    // Read by the signal handler on this thread only.
+    // Inside a routine, also while the thread ends there.
     volatile std::sig_atomic_t InRoutine;
-    // Where the stack stood when the routine was called; valid while InRoutine is not 0.
+    // The call may be left as if the routine had returned. Read by the signal handler on this
+    // thread only.
+    volatile std::sig_atomic_t MayBreakOff;
+    // Where the stack stood when the routine was called; valid while MayBreakOff is not 0.
     HostWord CallFrame;
 };
 

@@ -82,15 +82,15 @@ void *FunAcceptThread_new(void *arg) {
             MySleep(kNoResourcesMs); // out of descriptors or memory: must not become a busy loop
         }
     }
-    DropObject(&context->Life);
+    DropFromThread(context);
     return nullptr;
 }
 
 int32_t AcceptThread(ServerContext *context) {
-    HoldAgain(&context->Life);
+    HoldForThread(context);
     if (MyCreateThread(&context->AcceptThreadHandle, FunAcceptThread_new, context,
                        kLibraryStackLen) == 0) {
-        DropObject(&context->Life);
+        DropFromThread(context);
         return 0;
     }
     context->AcceptRuns = true;

@@ -29,4 +29,14 @@ ServerContext *CreateServerContext() {
     return context;
 }
 
+void HoldForThread(ServerContext *context) {
+    HoldAgain(&context->Life);
+    ++context->Threads;
+}
+
+void DropFromThread(ServerContext *context) {
+    --context->Threads;
+    DropObject(&context->Life);
+}
+
 } // namespace nrpc

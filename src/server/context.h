@@ -66,8 +66,10 @@ struct ServerContext {
     bool AcceptRuns;
     // Signal mask of the thread that started the server; threads that run the handler keep it.
     sigset_t HostMask;
-    // Taken by the start, stop, size and release commands while they work: 1.
-    std::atomic<int32_t> LifecycleBusy;
+    // What the start, stop, size or release command that works on the server does; 0: none works.
+    std::atomic<int32_t> LifecycleUse;
+    // Library threads of the server; each holds the record as well.
+    std::atomic<int32_t> Threads;
     // Commands that use the lists and queues are inside; open while started.
     Gate Commands;
     LiveObject Life;
@@ -75,5 +77,9 @@ struct ServerContext {
 
 // A record in the created state, published; null when memory is exhausted.
 ServerContext *CreateServerContext();
+
+// For a library thread, by whoever starts it, and as the thread's last act.
+void HoldForThread(ServerContext *context);
+void DropFromThread(ServerContext *context);
 
 } // namespace nrpc

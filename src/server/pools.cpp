@@ -131,7 +131,8 @@ static void JoinEnded(PoolHandleList *list) {
     }
     for (const HandleNode *node = ended; node != nullptr; node = node->Next) {
         if (!MyJoinThread(node->ThreadHandle, kJoinWaitMs)) {
-            pthread_detach(node->ThreadHandle); // on its last lines; it touches nothing any more
+            pthread_detach(
+                node->ThreadHandle); // on its last lines; it uses no pool or queue any more
         }
     }
     FreeNodes(ended);
@@ -184,12 +185,12 @@ static bool StartPoolThread(ServerContext *context, const PoolKind &kind, Thread
     arg->Context = context;
     arg->Pos = static_cast<uint32_t>(pos);
     arg->Kind = &kind;
-    HoldAgain(&context->Life);
+    HoldForThread(context);
     const bool runsHandler = kind.RunsHandler && body == kind.Worker;
     pthread_t thread;
     if (MyCreateThread(&thread, body, arg, runsHandler ? kDefaultStackLen : kLibraryStackLen) ==
         0) {
-        DropObject(&context->Life);
+        DropFromThread(context);
         FreeRecord(arg);
         RemHandleList(handles, static_cast<uint32_t>(pos));
         return false;
@@ -204,7 +205,7 @@ static void EndPoolThread(ThreadArg *thread) {
     LeaveRoutineThread(&thread->Routine);
     MoveToEnded(HandlesOf(thread), thread->Pos);
     FreeRecord(thread);
-    DropObject(&context->Life);
+    DropFromThread(context);
 }
 
 static void LeavePool(ThreadArg *thread) {

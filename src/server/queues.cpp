@@ -93,6 +93,9 @@ void AddTaskToQueueTail(TaskQueueHeader *queue, TaskData *task) {
 TaskData *GetTaskFromQueueHead(TaskQueueHeader *queue) {
     return GetFromHead(queue);
 }
+void ClearTaskQueue(TaskQueueHeader *queue) {
+    FreeChain<FreeTaskData>(TakeAll(queue));
+}
 void DeleteTaskQueue(TaskQueueHeader *queue) {
     DeleteQueue<FreeTaskData>(queue);
 }
@@ -124,6 +127,9 @@ void AddMidResultToQueueTail(MidResultQueueHeader *queue, MidResult *message) {
 }
 MidResult *MidResultIsNotNull(MidResultQueueHeader *queue) {
     return GetFromHead(queue);
+}
+void ClearMidResultQueue(MidResultQueueHeader *queue) {
+    FreeChain<FreeMidResult>(TakeAll(queue));
 }
 void DeleteMidResultQueue(MidResultQueueHeader *queue) {
     DeleteQueue<FreeMidResult>(queue);

@@ -80,7 +80,9 @@ void FreeMidResult(MidResult *message);
 ResultQueueHeader *CreateResultQueue();
 void AddResultToQueueTail(ResultQueueHeader *queue, ResultData *reply);
 ResultData *GetResultFromQueueHead(ResultQueueHeader *queue);
-// Empties the queue, which stays usable.
+// Each empties its queue, which stays usable.
+void ClearTaskQueue(TaskQueueHeader *queue);
+void ClearMidResultQueue(MidResultQueueHeader *queue);
 void ClearResultQueue(ResultQueueHeader *queue);
 void DeleteResultQueue(ResultQueueHeader *queue);
 // A reply with a copy of the payload; null when memory is exhausted.

@@ -134,11 +134,11 @@ static void TerminatePools(ServerContext *context) {
     TerminateUserThreadPool(context);
 }
 
-// Besides the host object and the command that stops, somebody may still hold the record: a thread
-// that was left to itself, the calling thread where it runs the handler, or a command.
+// Somebody may still be inside: a thread that was left to itself, the calling thread where it runs
+// the handler, or a command.
 static bool IsDeserted(ServerContext *context) {
     Gate_Close(&context->Commands);
-    return Gate_Drain(&context->Commands, kCommandsMs) && context->Life.Holds <= 2;
+    return Gate_Drain(&context->Commands, kCommandsMs) && context->Threads == 0;
 }
 
 bool AbortStart(ServerContext *context) {
@@ -157,7 +157,13 @@ bool StopServer(ServerContext *context) {
     TerminatePools(context);
     CloseAllClient(context->ClientList);
     ClearResultQueue(context->ResultQueue);
-    return IsDeserted(context);
+    if (IsDeserted(context)) {
+        return true;
+    }
+    // Whoever is left inside may stay for ever; what waits is not to stay with it.
+    ClearTaskQueue(context->TaskQueue);
+    ClearMidResultQueue(context->MidResultQueue);
+    return false;
 }
 
 } // namespace nrpc

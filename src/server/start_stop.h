@@ -1,5 +1,5 @@
 // server/start_stop.h: what brings a server up and takes it down.
-//   Threads    one thread at a time works on a server (LifecycleBusy); it may be one of the
+//   Threads    one thread at a time works on a server (LifecycleUse); it may be one of the
 //              server's own that runs the handler.
 #pragma once
 

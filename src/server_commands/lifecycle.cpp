@@ -18,21 +18,26 @@ namespace {
 // One lifecycle command at a time works on a server.
 class Turn {
   public:
+    // What a command does with it. Only an ending waits for threads in the handler.
+    enum Use : int32_t { kNone, kChange, kEnding };
     // Gets the turn at once or not at all.
-    [[nodiscard]] explicit Turn(const Server &server) : m_Context(server.Get()) { Try(); }
+    [[nodiscard]] Turn(const Server &server, Use use) : m_Context(server.Get()), m_Use(use) {
+        Try();
+    }
     ~Turn() {
         if (m_Got) {
-            m_Context->LifecycleBusy = 0;
+            m_Context->LifecycleUse = kNone;
         }
     }
     Turn(const Turn &) = delete;
     Turn &operator=(const Turn &) = delete;
     explicit operator bool() const { return m_Got; }
 
-    // Waits for another thread's stop to end, but not on a thread that the stop waits for.
+    // Waits for another thread's command to end, but not on a thread that the command waits for.
     void Wait() {
         const uint64_t until = MonotonicMs() + kOtherCommandMs;
-        while (!m_Got && !IsRoutineThreadOf(m_Context) && MonotonicMs() < until) {
+        while (!m_Got && MonotonicMs() < until &&
+               (m_Context->LifecycleUse != kEnding || !IsRoutineThreadOf(m_Context))) {
             MySleep(1);
             Try();
         }
@@ -40,11 +45,12 @@ class Turn {
 
   private:
     void Try() {
-        int32_t idle = 0;
-        m_Got = m_Context->LifecycleBusy.compare_exchange_strong(idle, 1);
+        int32_t none = kNone;
+        m_Got = m_Context->LifecycleUse.compare_exchange_strong(none, m_Use);
     }
 
     ServerContext *m_Context;
+    const Use m_Use;
     bool m_Got = false;
 };
 
@@ -88,7 +94,7 @@ NRPC_HOST_ENTRY void fnSetPoolThreadNum(HostValue *result, int32_t, HostValue *a
     if (!server || least < 1 || least > greatest) {
         return;
     }
-    const Turn turn(server);
+    const Turn turn(server, Turn::kChange);
     if (turn && server->StartFlag == 0) {
         server->MinThreadNum = least;
         server->MaxThreadNum = greatest;
@@ -123,7 +129,7 @@ NRPC_HOST_ENTRY void fnStartServer(HostValue *result, int32_t, HostValue *args) 
     if (!server || port > kHighestPort || handler == 0) {
         return;
     }
-    const Turn turn(server);
+    const Turn turn(server, Turn::kChange);
     if (turn && server->StartFlag == 0) {
         server->ProcessFunc = handler;
         server->ProcessMode = mode.TypeCode == kNoType ? kSerialMode : mode.Number;
@@ -137,7 +143,7 @@ NRPC_HOST_ENTRY void fnStopServer(HostValue *, int32_t, HostValue *args) {
     if (!server) {
         return;
     }
-    Turn turn(server);
+    Turn turn(server, Turn::kEnding);
     turn.Wait();
     if (turn && server->StartFlag != 0) {
         ReleaseEngine(server, StopServer(server.Get()));
@@ -145,19 +151,25 @@ NRPC_HOST_ENTRY void fnStopServer(HostValue *, int32_t, HostValue *args) {
     }
 }
 
-NRPC_HOST_ENTRY void fnServerRelease(HostValue *, int32_t, HostValue *args) {
+// False when another record took the place of this one meanwhile.
+static bool ReleaseRecord(const HostValue *args) {
     ServerObject object(args);
     Server &server = object.Any();
     if (!server) {
-        return;
+        return true;
     }
-    Turn turn(server);
+    Turn turn(server, Turn::kEnding);
     turn.Wait();
     if (turn && server->StartFlag != 0 && StopServer(server.Get())) {
         SockUnInit(server.Get());
     }
     server->StartFlag = 0;
-    server.Release();
+    return server.Release();
+}
+
+NRPC_HOST_ENTRY void fnServerRelease(HostValue *, int32_t, HostValue *args) {
+    while (!ReleaseRecord(args)) {
+    }
 }
 
 // The network timeout cannot be changed; the command is kept for programs that call it.

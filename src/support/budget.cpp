@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "support/threads.h"
+
 namespace nrpc {
 
 // What the allocator adds to a block, about.
@@ -61,6 +63,26 @@ static void EvictNewest(size_t excess) {
         account->Evicted = true;
         excess -= account->Len < excess ? account->Len : excess;
     }
+}
+
+// Milliseconds since it was found exceeded, of a clock of 32 bits that is never 0; 0: it is not.
+static std::atomic<uint32_t> s_ExceededSince;
+
+bool BudgetIsExceeded() {
+    constexpr uint32_t kPatienceMs = 21000;
+    if (BudgetHasRoom(0)) {
+        s_ExceededSince = 0;
+        return false;
+    }
+    const uint32_t now = static_cast<uint32_t>(MonotonicMs()) | 1;
+    uint32_t since = 0;
+    if (!s_ExceededSince.compare_exchange_strong(since, now) && now - since >= kPatienceMs &&
+        s_ExceededSince.compare_exchange_strong(since, now)) {
+        pthread_mutex_lock(&s_AccountLock);
+        EvictNewest(1);
+        pthread_mutex_unlock(&s_AccountLock);
+    }
+    return true;
 }
 
 bool ReportPartial(PartialAccount *account, size_t len) {

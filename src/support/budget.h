@@ -7,7 +7,7 @@
 //              together with their connections.
 //   Counting   what was really allocated, with an allowance for the allocator, in bytes.
 //   Threads    every function may be called from any thread. One small lock of its own guards the
-//              list of accounts; it is held briefly and alone.
+//              list of accounts; it is held briefly, and nothing is taken under it.
 #pragma once
 
 #include <atomic>
@@ -26,9 +26,9 @@ void *TakeCounted(size_t size);
 void FreeCounted(void *block, size_t size);
 
 bool BudgetHasRoom(size_t size);
-inline bool BudgetIsExceeded() {
-    return !BudgetHasRoom(0);
-}
+// Asked again and again by whoever waits for it to fall. When it has not for 21 seconds, because
+// nobody takes what is queued, the newest partly received message is evicted.
+bool BudgetIsExceeded();
 
 // The partly received message of one connection, listed among those that may be evicted as long as
 // it has any bytes. Owned by the connection.

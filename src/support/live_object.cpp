@@ -80,7 +80,7 @@ void PublishObject(LiveObject *object, void *record, ObjectKind kind,
     bucket->First = object;
 }
 
-bool RetireObject(LiveObject *object) {
+bool RetireObject(LiveObject *object, std::uintptr_t *word, const void *successor) {
     Bucket *bucket = BucketOf(object->Record);
     BucketGuard guard(bucket);
     LiveObject **link = LinkTo(bucket, object->Record);
@@ -88,6 +88,9 @@ bool RetireObject(LiveObject *object) {
         return false;
     }
     *link = object->Next;
+    if (word != nullptr) {
+        __atomic_store_n(word, reinterpret_cast<std::uintptr_t>(successor), __ATOMIC_RELEASE);
+    }
     return true;
 }
 

@@ -32,8 +32,11 @@ struct LiveObject {
 // Makes the record findable, held once on behalf of the host object.
 void PublishObject(LiveObject *object, void *record, ObjectKind kind,
                    void (*destroy)(void *record));
-// Makes it unfindable. True for exactly one caller, who inherits the host object's hold.
-bool RetireObject(LiveObject *object);
+// Makes it unfindable. True for exactly one caller, who inherits the host object's hold. With
+// `word`, the host's cell, the record `successor` (or null) takes its place in the same moment: who
+// no longer finds the one sees the other there.
+bool RetireObject(LiveObject *object, std::uintptr_t *word = nullptr,
+                  const void *successor = nullptr);
 
 // Counts the caller in if a live object of that kind has this record. False for any other address,
 // null and released ones included.
@@ -49,9 +52,10 @@ template <typename Context, ObjectKind Kind>
 class HeldObject {
   public:
     [[nodiscard]] explicit HeldObject(std::uintptr_t *word) : m_Word(word) {
-        if (word != nullptr) {
-            auto *context = reinterpret_cast<Context *>(__atomic_load_n(word, __ATOMIC_ACQUIRE));
-            m_Context = HoldObject(context, Kind) ? context : nullptr;
+        Context *seen = nullptr;
+        for (Context *next = Read(); next != seen && m_Context == nullptr; next = Read()) {
+            seen = next; // read again: it may have got a successor meanwhile
+            m_Context = HoldObject(seen, Kind) ? seen : nullptr;
         }
     }
     ~HeldObject() {
@@ -66,18 +70,20 @@ class HeldObject {
     Context *Get() const { return m_Context; }
     Context *operator->() const { return m_Context; }
 
-    // Ends the life of the record for the host: whoever is still inside keeps it.
-    void Release() {
-        if (RetireObject(&m_Context->Life)) {
+    // Ends the life of the record for the host: whoever is still inside keeps it. False when its
+    // life had ended before, also because another record took its place.
+    bool Release() {
+        const bool released = RetireObject(&m_Context->Life);
+        if (released) {
             DropObject(&m_Context->Life);
         }
+        return released;
     }
 
     // Gives the host object another record (null when memory is exhausted: commands then fail) and
     // releases this one. Nothing is given where the object was released meanwhile.
     void Renew(Context *fresh) {
-        if (RetireObject(&m_Context->Life)) {
-            __atomic_store_n(m_Word, reinterpret_cast<std::uintptr_t>(fresh), __ATOMIC_RELEASE);
+        if (RetireObject(&m_Context->Life, m_Word, fresh)) {
             DropObject(&m_Context->Life);
         } else if (fresh != nullptr && RetireObject(&fresh->Life)) {
             DropObject(&fresh->Life);
@@ -85,6 +91,12 @@ class HeldObject {
     }
 
   private:
+    Context *Read() const {
+        return m_Word == nullptr
+                   ? nullptr
+                   : reinterpret_cast<Context *>(__atomic_load_n(m_Word, __ATOMIC_ACQUIRE));
+    }
+
     std::uintptr_t *m_Word;
     Context *m_Context = nullptr;
 };

@@ -91,7 +91,10 @@ int32_t MyCreateThread(pthread_t *thread, ThreadRoutine routine, void *arg, size
     const sigset_t blocked = SignalsBlockedInLibraryThreads();
     sigset_t before;
     pthread_sigmask(SIG_SETMASK, &blocked, &before);
-    const int result = pthread_create(thread, &attributes, routine, arg);
+    int result = pthread_create(thread, &attributes, routine, arg);
+    if (result == EINVAL) { // the program's thread-local data does not fit into that stack
+        result = pthread_create(thread, nullptr, routine, arg);
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attributes);
     Jitter();

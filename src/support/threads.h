@@ -5,6 +5,7 @@
 //                  pool lock          -> handle-list lock of that pool
 //                  ProcessLock        -> whatever a command called by the handler takes
 //                  RequestLock        -> the client's list locks
+//                  client-list lock   -> the lock of the budget's accounts
 //              Everything else holds one lock at a time. No lock is held across a socket wait.
 //   Cancelling a library thread keeps the cancel shield up (cancellation disabled) in all library
 //              code; host/routine lowers it around a call of a host routine and nowhere else. So

@@ -21,6 +21,7 @@
 #include "support/budget.h"
 #include "support/gate.h"
 #include "support/live_object.h"
+#include "support/threads.h"
 
 using namespace nrpc;
 
@@ -325,6 +326,28 @@ TEST(Budget, EvictsTheNewestOfPartialMessagesThatFillIt) {
     FreeCounted(most, kMost);
     EXPECT_TRUE(BudgetHasRoom(kBudgetLen));
     EXPECT_FALSE(BudgetHasRoom(kBudgetLen + 1));
+}
+
+TEST(Budget, ThatNothingRelievesCostsTheNewestPartialMessage) {
+    constexpr size_t kPart = 1 << 20;
+    void *queued = TakeCounted(kBudgetLen);
+    void *parts[] = {TakeCounted(kPart), TakeCounted(kPart)};
+    PartialAccount old;
+    PartialAccount fresh;
+    EXPECT_TRUE(ReportPartial(&old, kPart) && ReportPartial(&fresh, kPart));
+    const uint64_t begin = MonotonicMs();
+    while (!fresh.Evicted && MonotonicMs() - begin < 40000) {
+        EXPECT_TRUE(BudgetIsExceeded());
+        MySleep(100);
+    }
+    EXPECT_TRUE(fresh.Evicted && !old.Evicted);
+    EXPECT_GE(MonotonicMs() - begin, 20900U);
+    ReportPartial(&fresh, 0);
+    ReportPartial(&old, 0);
+    FreeCounted(parts[0], kPart);
+    FreeCounted(parts[1], kPart);
+    FreeCounted(queued, kBudgetLen);
+    EXPECT_FALSE(BudgetIsExceeded());
 }
 
 TEST(Gates, NobodyIsInsideAfterADrain) {

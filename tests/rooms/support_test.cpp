@@ -184,6 +184,21 @@ TEST(String, MapsTheCaseOfLettersButNotOfGbkCharacters) {
     EXPECT_STREQ(NString_GetText(&str), "@az[`z{\xB0\x61\x81\x5A-by\xC4\xE3q\xC4");
 }
 
+thread_local char s_Much[300 * 1024]; // a host may have as much
+
+TEST(Threads, StartInAProgramWithMuchThreadLocalData) {
+    const auto body = [](void *arg) -> void * {
+        s_Much[0] = 1;
+        *static_cast<int *>(arg) += s_Much[0];
+        return nullptr;
+    };
+    pthread_t thread = 0;
+    int value = 1;
+    ASSERT_EQ(MyCreateThread(&thread, body, &value, kLibraryStackLen), 1);
+    EXPECT_TRUE(MyJoinThread(thread, 30000));
+    EXPECT_EQ(value, 2);
+}
+
 TEST(Clock, IsTheOneThatNobodySets) {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);

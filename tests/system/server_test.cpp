@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <cfenv>
 #include <deque>
 
@@ -132,6 +133,67 @@ TEST_F(Lifecycle, AServerCanBeStoppedOrReleasedFromInsideItsHandler) {
     StopTogether(servers);
 }
 
+TEST_F(Lifecycle, AReleaseDuringAStopInsideAHandlerIsARelease) {
+    std::atomic<int> released = 0;
+    std::atomic<bool> stops = false;
+    Servers servers;
+    std::deque<Peer> peers;
+    for (int i = 0; i < 2; ++i) {
+        servers.emplace_back(false, [&](Server &server, const Event &event) {
+            if (event.Text == "stop") {
+                stops = true;
+                server.StopServer();
+            } else if (event.Text == "release") { // the thread lives on past the grace period
+                EXPECT_TRUE(Until([&] { return stops.load(); }));
+                sleep(1);
+                server.Call("ServerRelease");
+                ++released;
+            }
+            return false;
+        });
+        for (const char *text : {"release", "stop"}) {
+            if (i == 0 || text == std::string("stop")) {
+                peers.emplace_back(servers.back().Port()).Send(Message("0011", text));
+            }
+        }
+    }
+    EXPECT_TRUE(Until([&] { return servers[1].Count(kRequest, "stop") == 1; }));
+    servers[1]->Call("ServerRelease");
+    EXPECT_TRUE(Until([&] { return released == 1; }));
+    for (Peer &peer : peers) {
+        EXPECT_EQ(peer.ReadToEnd(), "");
+    }
+    for (EchoServer &server : servers) {
+        EXPECT_FALSE(server->SetPoolThreadNum(1, 2)) << "released";
+    }
+}
+
+TEST_F(Lifecycle, AReleaseInsideTheFirstConnectMessageEndsTheServer) {
+    const auto startAndRelease = [] {
+        const int32_t port = FreePort();
+        std::atomic<bool> released = false;
+        Server server(TheLibrary());
+        std::jthread connecting([&] { // the first connect may be faster than the start
+            while (!released) {
+                Client(TheLibrary()).ClientConnect(port, kLoopback);
+            }
+        });
+        server.StartServer(port, [&](HostWord message) {
+            if (server.GetMsgKind(message) == kClientConnected) {
+                server.Call("ServerRelease");
+                released = true;
+            }
+        });
+        connecting.join();
+        EXPECT_TRUE(Until([&] { return !Client(TheLibrary()).ClientConnect(port, kLoopback); }));
+    };
+    for (int round = 0; round < 3; ++round) {
+        std::vector<std::jthread> starters(6);
+        std::generate(starters.begin(), starters.end(),
+                      [&] { return std::jthread(startAndRelease); });
+    }
+}
+
 // --- handlers still inside when the stop runs -------------------------------------------------
 
 namespace {
@@ -139,6 +201,20 @@ namespace {
 std::mutex s_Held;
 std::atomic<bool> s_LetGo;
 FILE *const s_Null = fopen("/dev/null", "w");
+
+// Of the host, and older than anything of the library's.
+void DestroySlowly(void *) {
+    for (const int64_t end = NowMs() + 700; NowMs() < end;) {
+        for (int i = 0; i < 10000000; ++i) {
+            asm volatile("");
+        }
+    }
+}
+const pthread_key_t s_SlowlyDestroyed = [] {
+    pthread_key_t key = 0;
+    pthread_key_create(&key, DestroySlowly);
+    return key;
+}();
 
 struct Overdue {
     const char *Name;
@@ -154,6 +230,11 @@ const Overdue kOverdue[] = {
          while (!server.SendText(server.GetClientCount(), "nobody")) {
              server.GetAllClient();
          }
+     }},
+    {"ComputesWhileItEnds",
+     [](Server &) {
+         pthread_setspecific(s_SlowlyDestroyed, &s_Held);
+         sleep(1000);
      }},
     {"HoldsLocksOfTheCLibrary", // nearly all the time
      [](Server &) {

@@ -131,8 +131,7 @@ static void JoinEnded(PoolHandleList *list) {
     }
     for (const HandleNode *node = ended; node != nullptr; node = node->Next) {
         if (!MyJoinThread(node->ThreadHandle, kJoinWaitMs)) {
-            pthread_detach(
-                node->ThreadHandle); // on its last lines; it uses no pool or queue any more
+            pthread_detach(node->ThreadHandle); // ending: it uses no pool any more
         }
     }
     FreeNodes(ended);

@@ -80,6 +80,8 @@ void PublishObject(LiveObject *object, void *record, ObjectKind kind,
     bucket->First = object;
 }
 
+// The check does not see the atomic store.
+// NOLINTNEXTLINE(readability-non-const-parameter)
 bool RetireObject(LiveObject *object, std::uintptr_t *word, const void *successor) {
     Bucket *bucket = BucketOf(object->Record);
     BucketGuard guard(bucket);

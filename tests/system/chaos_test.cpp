@@ -1,6 +1,6 @@
-// Clients and their server with a proxy between them that cuts, delays, holds back, floods, ends and
-// resets, by a plan from a seed, beside peers that misbehave. Every reply is right or missing, every
-// connection that came is told of when it goes, and an honest client is served all the while.
+// Clients and their server with a proxy between them that cuts, delays, holds back, floods, ends
+// and resets, by a plan from a seed, beside peers that misbehave. Every reply is right or missing,
+// every connection that came is told of when it goes, and an honest client is served all the while.
 // NRPC_CHAOS_CONNECTIONS and NRPC_CHAOS_SEED choose the length and the run.
 #include <netinet/in.h>
 #include <poll.h>

@@ -172,6 +172,7 @@ TEST_F(SlowPeers, CostAnHonestOneNoMoreThanSilentOnesDo) {
                                                 {"100 that dribble", 100, 0}}) {
         Connect(count);
         const Served quiet = Serve(m_Server->Port());
+        const size_t asked = m_Server->Count(kRequest);
         for (size_t i = 0; i < count * requests; ++i) {
             ReadNothing(m_Crowd[i % count]);
             m_Crowd[i % count].Send(much);
@@ -183,6 +184,8 @@ TEST_F(SlowPeers, CostAnHonestOneNoMoreThanSilentOnesDo) {
             }
         };
         std::jthread dribbling(dribble);
+        const auto allAsked = [&] { return m_Server->Count(kRequest) == asked + count * requests; };
+        EXPECT_TRUE(Until(allAsked, 3 * kPatience));
         const size_t most = count * requests * kMiB / 4;
         EXPECT_TRUE(Until([&] { return TakeCensus().HeapBytes >= most; })) << "no reply waits";
         Until([] { return CpuShare(0.5) < 0.4; }); // all of them are made
@@ -278,14 +281,14 @@ TEST_F(SlowPeers, AreServedUpToTheDescriptorsAndTheRestWhenSomeLeave) {
         _exit(127);
     }
     EXPECT_TRUE(Until([&] { return Rush(port, 1).Answered(1, 1); }));
-    Rush rush(port, 120);
+    Rush rush(port, 200);
     EXPECT_TRUE(rush.Answered(40));
     clockid_t clock = 0;
     clock_getcpuclockid(server, &clock);
     const int64_t before = MillisecondsOfClock(clock);
     EXPECT_FALSE(rush.Answered(65, 2));
     EXPECT_LT(MillisecondsOfClock(clock) - before, kSanitized ? 2000 : 700);
-    for (size_t count = 80; count <= 120; count += 40) {
+    for (size_t count = 80; count <= 200; count += 40) {
         rush.DismissAnswered();
         EXPECT_TRUE(rush.Answered(count));
     }

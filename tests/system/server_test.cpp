@@ -155,10 +155,10 @@ TEST_F(Lifecycle, AReleaseDuringAStopInsideAHandlerIsARelease) {
         for (const char *text : {"release", "stop"}) {
             if (i == 0 || text == std::string("stop")) {
                 peers.emplace_back(servers.back().Port()).Send(Message("0011", text));
+                EXPECT_TRUE(Until([&] { return servers.back().Count(kRequest, text) == 1; }));
             }
         }
     }
-    EXPECT_TRUE(Until([&] { return servers[1].Count(kRequest, "stop") == 1; }));
     servers[1]->Call("ServerRelease");
     EXPECT_TRUE(Until([&] { return released == 1; }));
     for (Peer &peer : peers) {

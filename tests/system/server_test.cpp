@@ -175,9 +175,10 @@ TEST_F(Lifecycle, AReleaseInsideTheFirstConnectMessageEndsTheServer) {
         std::atomic<bool> released = false;
         Server server(TheLibrary());
         std::jthread connecting([&] { // the first connect may be faster than the start
-            while (!released) {
+            EXPECT_TRUE(Until([&] {
                 Client(TheLibrary()).ClientConnect(port, kLoopback);
-            }
+                return released.load();
+            }));
         });
         server.StartServer(port, [&](HostWord message) {
             if (server.GetMsgKind(message) == kClientConnected) {

@@ -33,8 +33,9 @@ struct ClientEntry {
     bool Removed;     // no longer in the list; waits for its claims
 
     int32_t ServerMsgID; // of the last message sent on the server's own initiative: 5 to 9
-    int32_t CancelFlag;  // 1 once the client has cancelled a request
     int32_t CurMsgID;    // number of its latest request; -1 at first and after a cancel
+    // 1 once the client has cancelled a request, and from then on. Set under Lock.
+    std::atomic<int32_t> CancelFlag;
 
     // Made at accept, so that reporting the end cannot fail; null until the client was reported as
     // connected and again once its end was reported.

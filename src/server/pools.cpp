@@ -269,30 +269,38 @@ static void *RunPoolManager(void *arg) {
 // --- worker -----------------------------------------------------------------------------------
 
 static void SetBusy(ThreadArg *worker, bool busy) {
+    if (worker->IsBusy == busy) {
+        return;
+    }
     ThreadPool *pool = PoolOf(worker);
     LockGuard guard(pool->Lock);
     pool->BusyThreadNum += busy ? 1 : -1;
     worker->IsBusy = busy;
 }
 
-// False when the pool is to stop.
+// False when the pool is to stop. The worker counts as busy from its first item to its last.
 static bool ServeAllItems(ThreadArg *worker) {
     const ThreadPool *pool = PoolOf(worker);
-    while (pool->StopFlag == 0) {
+    bool mayGoOn = pool->StopFlag == 0;
+    while (mayGoOn) {
         void *item = worker->Kind->Take(worker->Context);
         if (item == nullptr) {
-            return true;
+            break;
         }
         SetBusy(worker, true);
         worker->Kind->Serve(worker, item);
-        SetBusy(worker, false);
+        mayGoOn = pool->StopFlag == 0;
     }
-    return false;
+    SetBusy(worker, false);
+    return mayGoOn;
 }
 
 // True when the worker is one too many; it is then no longer counted.
 static bool Retires(ThreadArg *worker) {
     ThreadPool *pool = PoolOf(worker);
+    if (pool->ThreadNum <= kManyIdle) {
+        return false; // every pause of an ordinary pool: not worth the lock
+    }
     LockGuard guard(pool->Lock);
     if (pool->ThreadNum - pool->BusyThreadNum <= kManyIdle ||
         pool->ThreadNum <= pool->MinThreadNum) {
@@ -307,9 +315,7 @@ static void WorkerEndedInHandler(RoutineThread *routine) {
     static_assert(offsetof(ThreadArg, Routine) == 0);
     auto *worker = reinterpret_cast<ThreadArg *>(routine);
     FinishMessage(worker);
-    if (worker->IsBusy) {
-        SetBusy(worker, false);
-    }
+    SetBusy(worker, false);
     LeavePool(worker);
 }
 

@@ -24,8 +24,8 @@ struct ThreadPool {
     int32_t MaxThreadNum;
     int32_t MinThreadNum;
     // Idle is ThreadNum - BusyThreadNum: at least 1 while the manager lives.
-    int32_t ThreadNum GUARDED_BY(Lock);     // alive now, the manager included
-    int32_t BusyThreadNum GUARDED_BY(Lock); // serving an item now
+    std::atomic<int32_t> ThreadNum;         // alive now, the manager included; changed under Lock
+    int32_t BusyThreadNum GUARDED_BY(Lock); // serving items now
     // Written by the start and stop operations, read by every thread of the pool. 1: stop.
     std::atomic<int32_t> StopFlag;
     LockHandle Lock;

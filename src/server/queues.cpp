@@ -26,17 +26,25 @@ template <typename Element>
 static void AddToTail(QueueHeader<Element> *queue, Element *element) {
     element->Next = nullptr;
     LockGuard guard(queue->Lock);
-    (queue->Head == nullptr ? queue->Head : queue->Tail->Next) = element;
+    if (queue->Head.load(std::memory_order_relaxed) == nullptr) {
+        queue->Head.store(element, std::memory_order_relaxed);
+    } else {
+        queue->Tail->Next = element;
+    }
     queue->Tail = element;
 }
 
 template <typename Element>
 static Element *GetFromHead(QueueHeader<Element> *queue) {
+    // Idle workers look a thousand times a second: they must not hold up those that add.
+    if (queue->Head.load(std::memory_order_relaxed) == nullptr) {
+        return nullptr;
+    }
     LockGuard guard(queue->Lock);
-    Element *element = queue->Head;
+    Element *element = queue->Head.load(std::memory_order_relaxed);
     if (element != nullptr) {
-        queue->Head = element->Next;
-        if (queue->Head == nullptr) {
+        queue->Head.store(element->Next, std::memory_order_relaxed);
+        if (element->Next == nullptr) {
             queue->Tail = nullptr;
         }
     }
@@ -47,8 +55,7 @@ static Element *GetFromHead(QueueHeader<Element> *queue) {
 template <typename Element>
 static Element *TakeAll(QueueHeader<Element> *queue) {
     LockGuard guard(queue->Lock);
-    Element *first = queue->Head;
-    queue->Head = nullptr;
+    Element *first = queue->Head.exchange(nullptr, std::memory_order_relaxed);
     queue->Tail = nullptr;
     return first;
 }

@@ -1,10 +1,11 @@
 // server/queues.h: first-in-first-out lists between the pools. An element is its own link.
 //   Ownership  an element is the queue's from Add until Get returns it, then the taker's.
-//   Locks      each call takes the queue's Lock, briefly and alone.
+//   Locks      each call takes the queue's Lock, briefly and alone, but for Get from an empty one.
 //   Threads    any number of adders and takers; Get never waits.
 //   Errors     Create answers null when memory is exhausted; the others cannot fail.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "protocol/assembly.h"
@@ -15,7 +16,7 @@ namespace nrpc {
 
 template <typename Element>
 struct QueueHeader {
-    Element *Head GUARDED_BY(Lock);
+    std::atomic<Element *> Head; // changed under Lock
     Element *Tail GUARDED_BY(Lock);
     LockHandle Lock;
 };

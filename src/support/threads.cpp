@@ -8,7 +8,9 @@
 
 namespace nrpc {
 
-static timespec Timespec(uint64_t ms) {
+// A template, so that a pause of 32 bits costs no division of 64.
+template <typename Milliseconds>
+static timespec Timespec(Milliseconds ms) {
     timespec time = {};
     time.tv_sec = static_cast<time_t>(ms / 1000);
     time.tv_nsec = static_cast<long>(ms % 1000) * 1000000;
@@ -139,7 +141,7 @@ int32_t MySleep(uint32_t durationMs) {
 uint64_t MonotonicMs() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
 }
 
 } // namespace nrpc

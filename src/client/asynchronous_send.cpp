@@ -26,11 +26,12 @@ static bool CutIntoPackets(ClientContext *context, const SendDataItem *item) {
 static bool WritePackets(ClientContext *context) {
     int32_t idleWaits = 0;
     int32_t vainAttempts = 0;
+    bool asks = false; // the first write just tries: most requests are one packet, and find room
     while (context->Outgoing.First != nullptr) {
         if (context->CloseFlag == 1) {
             return false;
         }
-        const WaitResult wait = WaitWritable(context->Socket, kWaitMs);
+        const WaitResult wait = asks ? WaitWritable(context->Socket, kWaitMs) : kSocketReady;
         if (wait == kSocketTimeout && ++idleWaits <= kMaxIdleWaits) {
             continue;
         }
@@ -44,11 +45,13 @@ static bool WritePackets(ClientContext *context) {
         idleWaits = 0;
         if (attempt != kNoneWritten) {
             vainAttempts = 0;
-        } else if (++vainAttempts > kMaxVainAttempts) {
-            return false;
-        } else {
+        } else if (asks) {
+            if (++vainAttempts > kMaxVainAttempts) {
+                return false;
+            }
             MySleep(1);
         }
+        asks = true;
     }
     return true;
 }

@@ -1,5 +1,7 @@
 #include "server/send.h"
 
+#include <utility>
+
 #include "support/sockets.h"
 
 namespace nrpc {
@@ -12,36 +14,37 @@ static constexpr uint64_t kStallMs = 21000;
 static constexpr int32_t kMaxVainAttempts = 100;
 
 int32_t ClientCancleCurMsg(ServerContext *context, const ClientEntry *entry, const char *msgID) {
+    if (entry->CancelFlag == 0) {
+        return 0;
+    }
     const int32_t number = MsgNumberOf(msgID);
     if (number <= kLastServerMsgNumber) {
         return 0;
     }
     LockGuard guard(context->ClientList->Lock);
-    return entry->CancelFlag != 0 && number != entry->CurMsgID ? 1 : 0;
+    return number != entry->CurMsgID ? 1 : 0;
 }
 
 static bool IsBegun(const ResultData *reply) {
     return reply->Data == nullptr;
 }
 
-// From here on the reply lives in its packets.
-static bool CutIntoPackets(ClientEntry *entry, ResultData *reply) {
+static bool CutIntoPackets(ClientEntry *entry, const ResultData *reply) {
     SendMsgList *packets = nullptr;
     if (CreateRecordMsgList(reply->MsgID, reply->Data, static_cast<int32_t>(reply->DataLen),
                             &packets) == 0) {
         return false;
     }
     AppendPackets(&entry->Outgoing, packets);
-    FreeReplyPayload(reply);
-    entry->ProgressMs = MonotonicMs();
     return true;
 }
 
 // The client took nothing for one wait.
-static SendResult NotWritable(const ClientEntry *entry, ResultData *reply) {
+static SendResult NotWritable(ClientEntry *entry, ResultData *reply) {
     if (IsBegun(reply)) {
         return MonotonicMs() - entry->ProgressMs >= kStallMs ? kReplyFailed : kTryAgain;
     }
+    AbandonMessage(&entry->Outgoing);
     reply->SendTimes += 1;
     return reply->SendTimes <= kMaxSendTimes ? kTryAgain : kReplyFailed;
 }
@@ -50,35 +53,43 @@ SendResult SendData(ServerContext *context, ClientEntry *entry, ResultData *repl
     if (entry->Outgoing.SentLen == 0 && ClientCancleCurMsg(context, entry, reply->MsgID) == 1) {
         return kReplyDone;
     }
+    bool isCut = IsBegun(reply);
+    // The very first write just tries: most replies are one packet, and find room.
+    bool asks = isCut || reply->SendTimes > 0;
     for (int32_t vain = 0; vain < kMaxVainAttempts;) {
-        const WaitResult wait = WaitWritable(entry->Socket, kProbeMs);
+        const WaitResult wait = asks ? WaitWritable(entry->Socket, kProbeMs) : kSocketReady;
         if (wait == kWaitFailed) {
             return kReplyFailed;
         }
         if (wait == kSocketTimeout) {
             return NotWritable(entry, reply);
         }
-        if (!IsBegun(reply) && !CutIntoPackets(entry, reply)) {
+        if (!isCut && !CutIntoPackets(entry, reply)) {
             return kReplyFailed;
         }
+        isCut = true;
         if (context->SendThreadPool->StopFlag == 1) {
             return kReplyDone;
         }
         const AttemptResult attempt = WriteFirstPacket(&entry->Outgoing, entry->Socket);
+        const bool asked = std::exchange(asks, true);
         if (attempt == kWriteBroken) {
             return kReplyFailed;
         }
         if (attempt == kNoneWritten) {
-            ++vain;
-            MySleep(1);
+            if (asked) {
+                ++vain;
+                MySleep(1);
+            }
             continue;
         }
         vain = 0;
-        entry->ProgressMs = MonotonicMs();
+        FreeReplyPayload(reply); // from here on the reply lives in its packets
         if (attempt == kPacketWritten && (entry->Outgoing.First == nullptr ||
                                           ClientCancleCurMsg(context, entry, reply->MsgID) == 1)) {
             return kReplyDone;
         }
+        entry->ProgressMs = MonotonicMs();
     }
     return kReplyFailed;
 }
@@ -108,21 +119,30 @@ void *TakeResult(ServerContext *context) {
     return GetResultFromQueueHead(context->ResultQueue);
 }
 
-void ServeResult(ThreadArg *worker, void *item) {
-    ServerContext *context = worker->Context;
-    auto *reply = static_cast<ResultData *>(item);
+// Answers the reply whose turn it is next, or null.
+static ResultData *WriteReply(ServerContext *context, ResultData *reply) {
     ClientEntry *entry = ClaimForSending(context, reply);
     if (entry == nullptr) {
-        return;
+        return nullptr;
     }
     if (SendData(context, entry, reply) != kTryAgain || context->SendThreadPool->StopFlag == 1) {
         AbandonMessage(&entry->Outgoing); // nothing is left of a reply that went out whole
         FreeResultData(reply);
         reply = nullptr;
     }
-    ResultData *next = ReleaseFromSending(context->ClientList, entry, reply);
-    if (next != nullptr) {
-        AddResultToQueueTail(context->ResultQueue, next);
+    return ReleaseFromSending(context->ClientList, entry, reply);
+}
+
+void ServeResult(ThreadArg *worker, void *item) {
+    ServerContext *context = worker->Context;
+    auto *reply = WriteReply(context, static_cast<ResultData *>(item));
+    // In an empty queue it would be the first one.
+    while (reply != nullptr && context->ResultQueue->Head == nullptr &&
+           context->SendThreadPool->StopFlag == 0) {
+        reply = WriteReply(context, reply);
+    }
+    if (reply != nullptr) {
+        AddResultToQueueTail(context->ResultQueue, reply);
     }
 }
 

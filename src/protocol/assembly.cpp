@@ -137,60 +137,80 @@ static bool GrowHeld(Assembly *assembly, int32_t needed) {
     return true;
 }
 
-// Keeps `len` bytes for the next feed. They may lie in Held itself.
-static bool Hold(Assembly *assembly, const uint8_t *bytes, int32_t len) {
-    if (len == 0) {
-        ReleaseHeld(assembly);
+// Received bytes that are still to be read.
+namespace {
+struct Fresh {
+    const uint8_t *Bytes;
+    int32_t Len;
+};
+} // namespace
+
+static void Skip(Fresh *fresh, int32_t len) {
+    fresh->Bytes += len;
+    fresh->Len -= len;
+}
+
+// Moves fresh bytes behind the held ones until there are `wanted`, or none is left.
+static bool HoldUpTo(Assembly *assembly, int32_t wanted, Fresh *fresh) {
+    const int32_t len = std::min(wanted - assembly->HeldLen, fresh->Len);
+    if (len <= 0) {
         return true;
     }
-    if (assembly->Held == nullptr && !GrowHeld(assembly, len)) {
+    if (!GrowHeld(assembly, assembly->HeldLen + len)) {
         return false;
     }
-    if (bytes != assembly->Held) {
-        std::memmove(assembly->Held, bytes, static_cast<size_t>(len));
-    }
-    assembly->HeldLen = len;
+    std::memcpy(assembly->Held + assembly->HeldLen, fresh->Bytes, static_cast<size_t>(len));
+    assembly->HeldLen += len;
+    Skip(fresh, len);
     return true;
 }
 
-// Appends the fresh bytes to the held ones, if there are any, and answers where they all lie.
-static bool Gather(Assembly *assembly, const uint8_t **bytes, int32_t *len) {
-    if (assembly->HeldLen == 0) {
+// Gives the held packet what it lacks: the packets behind it are read where they lie.
+static bool CompleteHeld(Assembly *assembly, Fresh *fresh) {
+    ReceivedPacket packet;
+    return HoldUpTo(assembly, kPacketHeadLen, fresh) &&
+           (assembly->HeldLen < kPacketHeadLen || ParsePacketHead(assembly->Held, &packet) == 0 ||
+            HoldUpTo(assembly, kPacketHeadLen + packet.ChunkLen, fresh));
+}
+
+// Keeps what begins a packet for the next feed.
+static bool HoldRest(Assembly *assembly, Fresh *fresh) {
+    if (assembly->HeldLen == 0 && fresh->Len == 0) {
+        ReleaseHeld(assembly);
         return true;
     }
-    if (!GrowHeld(assembly, assembly->HeldLen + *len)) {
-        return false;
-    }
-    std::memcpy(assembly->Held + assembly->HeldLen, *bytes, static_cast<size_t>(*len));
-    assembly->HeldLen += *len;
-    *bytes = assembly->Held;
-    *len = assembly->HeldLen;
-    return true;
+    return HoldUpTo(assembly, assembly->HeldLen + fresh->Len, fresh);
 }
 
 // --- feeding ----------------------------------------------------------------------------------
 
 static FeedResult Feed(Assembly *assembly, const uint8_t *bytes, int32_t len, MessageSink sink,
                        void *receiver, int32_t *packets) {
-    if (!Gather(assembly, &bytes, &len)) {
+    Fresh fresh = {bytes, len};
+    if (assembly->HeldLen > 0 && !CompleteHeld(assembly, &fresh)) {
         return kFeedBroken;
     }
     for (bool behindPacket = false;; behindPacket = true) {
+        const bool isHeld = assembly->HeldLen > 0;
         ReceivedPacket packet;
-        const PacketResult result = GetPacketFromBuf(bytes, len, &packet);
+        const PacketResult result = GetPacketFromBuf(
+            isHeld ? assembly->Held : fresh.Bytes, isHeld ? assembly->HeldLen : fresh.Len, &packet);
         if (result == kPacketBadMagic) {
             return behindPacket ? kFeedBroken : kFeedDiscarded;
         }
         if (result == kPacketIncomplete) {
-            return Hold(assembly, bytes, len) ? kFed : kFeedBroken;
+            return HoldRest(assembly, &fresh) ? kFed : kFeedBroken;
         }
         if (!TakePacket(assembly, packet, sink, receiver)) {
             return kFeedBroken;
         }
         assembly->LastPacketNumber = packet.MsgNumber;
         *packets += 1;
-        bytes += kPacketHeadLen + packet.ChunkLen;
-        len -= kPacketHeadLen + packet.ChunkLen;
+        if (isHeld) {
+            assembly->HeldLen = 0; // the block serves the next one
+        } else {
+            Skip(&fresh, kPacketHeadLen + packet.ChunkLen);
+        }
     }
 }
 

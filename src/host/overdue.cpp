@@ -155,19 +155,36 @@ static int BorrowSignal(const sigset_t &blocked) {
     return number;
 }
 
+static void DisownSignal() {
+    struct sigaction action = {};
+    if (s_Signal == 0 || sigaction(s_Signal, nullptr, &action) != 0 ||
+        (action.sa_flags & SA_SIGINFO) == 0 || action.sa_sigaction != BreakOff) {
+        return; // the program has taken it meanwhile
+    }
+    // Ignoring it first discards what a thread that blocks it has pending: with the default
+    // disposition it would end the process the day the thread unblocks it.
+    action = {};
+    action.sa_handler = SIG_IGN;
+    sigaction(s_Signal, &action, nullptr);
+    action.sa_handler = SIG_DFL;
+    sigaction(s_Signal, &action, nullptr);
+}
+
 static void ReturnSignal() {
     pthread_mutex_lock(&s_SignalLock);
-    if (--s_SignalUsers == 0 && s_Signal != 0) {
-        // Ignoring it first discards what a thread that blocks it has pending: with the default
-        // disposition it would end the process the day the thread unblocks it.
-        struct sigaction action = {};
-        action.sa_handler = SIG_IGN;
-        sigaction(s_Signal, &action, nullptr);
-        action.sa_handler = SIG_DFL;
-        sigaction(s_Signal, &action, nullptr);
+    if (--s_SignalUsers == 0) {
+        DisownSignal();
         s_Signal = 0;
     }
     pthread_mutex_unlock(&s_SignalLock);
+}
+
+// The threads that had borrowed it, one of them maybe with the lock, are not in the child.
+static void ReturnSignalInChild() {
+    s_SignalLock = PTHREAD_MUTEX_INITIALIZER;
+    DisownSignal();
+    s_SignalUsers = 0;
+    s_Signal = 0;
 }
 
 static void SendSignal(pthread_t thread) {
@@ -231,6 +248,7 @@ void PrepareEnding() {
     s_CanCancel = LoadUnwinder();
 #if defined(__i386__)
     dl_iterate_phdr(ProtectObject, nullptr);
+    pthread_atfork(nullptr, nullptr, ReturnSignalInChild);
 #endif
 }
 

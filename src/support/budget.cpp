@@ -107,4 +107,12 @@ bool ReportPartial(PartialAccount *account, size_t len) {
     return !account->Evicted;
 }
 
+void ForgetBudget() {
+    s_AccountLock = PTHREAD_MUTEX_INITIALIZER; // a thread that is not in the child may hold it
+    s_Newest = nullptr;
+    s_PartialLen = 0;
+    s_ExceededSince = 0;
+    s_Used = 0;
+}
+
 } // namespace nrpc

@@ -45,4 +45,7 @@ struct PartialAccount {
 // new one. False: it was evicted, and its bytes must be given up.
 bool ReportPartial(PartialAccount *account, size_t len);
 
+// For the child of a fork, where all that was counted belongs to objects that are forgotten.
+void ForgetBudget();
+
 } // namespace nrpc

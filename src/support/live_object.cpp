@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include "support/budget.h"
+
 namespace nrpc {
 
 namespace {
@@ -59,6 +61,7 @@ static void ForgetAllInChild() {
         bucket.First = nullptr;
         pthread_mutex_unlock(&bucket.Lock);
     }
+    ForgetBudget();
 }
 
 static void WatchForks() {

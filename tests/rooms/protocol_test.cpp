@@ -412,13 +412,15 @@ TEST(LiveObjects, AreDestroyedOnceByTheLastOfAllHolders) {
     }
     Thing thing = {};
     PublishObject(&thing.Life, &thing, kServerObject, DestroyThing);
+    void *ofParent = TakeCounted(100);
     const pid_t child = fork();
-    if (child == 0) {
-        _exit(HoldObject(&thing, kServerObject) ? 1 : 0);
+    if (child == 0) { // knows no object of its parent, and answers for none of its memory
+        _exit(HoldObject(&thing, kServerObject) || !BudgetHasRoom(kBudgetLen) ? 1 : 0);
     }
     int status = -1;
     waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0); // a child knows no object of its parent
+    EXPECT_EQ(status, 0);
+    FreeCounted(ofParent, 100);
     EXPECT_TRUE(RetireObject(&thing.Life));
     DropObject(&thing.Life);
 }

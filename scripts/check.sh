@@ -44,6 +44,7 @@ check "shell scripts" shellcheck dev .ci/run scripts/*.sh
 check "format" format
 check "include directions" python3 scripts/check_includes.py
 check "command pages" python3 scripts/command_docs.py build/release/nrpc-host --check
+check "documents" python3 scripts/check_docs.py build/release/nrpc-host
 check "cppcheck" cppchecked
 check "clang++: warnings, lock annotations" cmake --build --preset clang
 check "clang-tidy" tidy

@@ -52,6 +52,7 @@ deb=(package/*.deb)
 tarball=(package/*.tar.gz)
 version=$(dpkg-deb -f "${deb[0]}" Version)
 [[ $(./nrpc-host describe) == *"$version"* ]] || fault "the descriptor does not say version $version"
+[ "$(./nrpc-host --version)" = "nrpc-host $version" ] || fault "nrpc-host does not say version $version"
 lintian --allow-root --fail-on error,warning "${deb[0]}"
 printf 'ok    %s\n' "$1/${deb[0]}" "$1/${tarball[0]}" "needs $needed" "the manual page tells of every option" \
-    "lintian finds nothing" "the descriptor says version $version"
+    "lintian finds nothing" "descriptor and program say version $version"

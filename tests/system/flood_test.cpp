@@ -1,5 +1,5 @@
-// Peers that send more than anybody takes, mostly to clients: memory stays within its mark, TCP slows
-// the peer, and what is asked next is answered.
+// Peers that send more than anybody takes, mostly to clients: memory stays within its mark, TCP
+// slows the peer, and what is asked next is answered.
 #include <unistd.h>
 
 #include <algorithm>

@@ -28,31 +28,42 @@ static std::optional<int32_t> TakeHandle(std::string_view *line) {
     return handle;
 }
 
-static std::string AddressOf(Server &server, int32_t handle) {
-    return server.GetClientIPAddr(handle).value_or("no such client");
-}
-
-static void ListClients(Server &server) {
-    const auto handles = server.GetAllClient().value_or(std::vector<int32_t>());
-    for (const int32_t handle : handles) {
-        PrintLine("handle {}  {}", handle, AddressOf(server, handle));
+static void ListClients(Server &server, bool asJson) {
+    Json clients = Json::array();
+    for (const int32_t handle : server.GetAllClient().value_or(std::vector<int32_t>())) {
+        const std::string address = server.GetClientIPAddr(handle).value_or("gone");
+        clients.push_back({{"handle", handle}, {"address", address}});
+        if (!asJson) {
+            PrintLine("handle {}  {}", handle, address);
+        }
     }
-    PrintLine("{}", Counted(handles.size(), "client"));
+    PrintEvent(asJson, {{"event", "clients"}, {"clients", clients}}, "{}",
+               Counted(clients.size(), "client"));
 }
 
-static void Push(Server &server, int32_t handle, std::string_view text) {
+static void PrintAddress(Server &server, int32_t handle, bool asJson) {
+    const std::optional<std::string> address = server.GetClientIPAddr(handle);
+    PrintEvent(
+        asJson,
+        {{"event", "ip"}, {"handle", handle}, {"address", address ? Json(*address) : Json()}},
+        "ip {}: {}", handle, address.value_or("no such client"));
+}
+
+static void Push(Server &server, int32_t handle, std::string_view text, bool asJson) {
     text.remove_prefix(std::min<size_t>(text.size(), 1)); // the blank behind the handle
     const bool queued = server.SendText(handle, GbkFromUtf8(std::string(text)));
-    PrintLine("push {}: {}", handle, queued ? "queued" : "refused");
+    PrintEvent(asJson, {{"event", "push"}, {"handle", handle}, {"text", text}, {"queued", queued}},
+               "push {}: {}", handle, queued ? "queued" : "refused");
 }
 
-static void Kick(Server &server, int32_t handle) {
+static void Kick(Server &server, int32_t handle, bool asJson) {
     const bool was = server.GetClientIPAddr(handle).has_value();
     server.Disconnect(handle);
-    PrintLine("kick {}: {}", handle, was ? "disconnected" : "no such client");
+    PrintEvent(asJson, {{"event", "kick"}, {"handle", handle}, {"disconnected", was}},
+               "kick {}: {}", handle, was ? "disconnected" : "no such client");
 }
 
-bool RunConsoleLine(Server &server, std::string_view line) {
+bool RunConsoleLine(Server &server, std::string_view line, bool asJson) {
     const std::string_view command = TakeWord(&line);
     if (command.empty()) {
         return true;
@@ -61,19 +72,20 @@ bool RunConsoleLine(Server &server, std::string_view line) {
         return false;
     }
     if (command == "clients") {
-        ListClients(server);
+        ListClients(server, asJson);
         return true;
     }
     const bool wantsHandle = command == "ip" || command == "push" || command == "kick";
     const std::optional<int32_t> handle = wantsHandle ? TakeHandle(&line) : std::nullopt;
     if (!handle.has_value()) {
-        PrintLine("clients, ip HANDLE, push HANDLE TEXT, kick HANDLE, stop");
+        constexpr const char *kHelp = "clients, ip HANDLE, push HANDLE TEXT, kick HANDLE, stop";
+        PrintEvent(asJson, {{"event", "help"}, {"text", kHelp}}, "{}", kHelp);
     } else if (command == "ip") {
-        PrintLine("ip {}: {}", *handle, AddressOf(server, *handle));
+        PrintAddress(server, *handle, asJson);
     } else if (command == "push") {
-        Push(server, *handle, line);
+        Push(server, *handle, line, asJson);
     } else {
-        Kick(server, *handle);
+        Kick(server, *handle, asJson);
     }
     return true;
 }

@@ -7,7 +7,8 @@
 
 namespace nrpc::tool {
 
-// Does what the line says and prints one line or more about it. False: the service is to stop.
-bool RunConsoleLine(hostkit::Server &server, std::string_view line);
+// Does what the line says and prints one line or more about it, or one object. False: the service
+// is to stop.
+bool RunConsoleLine(hostkit::Server &server, std::string_view line, bool asJson);
 
 } // namespace nrpc::tool

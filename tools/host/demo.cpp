@@ -122,7 +122,7 @@ namespace {
 // Prints what both processes report until both have ended.
 class Demo {
   public:
-    explicit Demo(std::string library) : m_Library(std::move(library)) {}
+    Demo(std::string library, bool asJson) : m_Library(std::move(library)), m_AsJson(asJson) {}
     int Run();
 
   private:
@@ -130,9 +130,12 @@ class Demo {
     bool ReadFrom(Child &child, std::string *unread);
     void TakeLine(const std::string &who, const std::string &line);
     void CheckExit(Child &child);
+    void Report(bool passed, const std::string &who, const std::string &what);
+    int Summarize();
     int RemainingMs() const;
 
     std::string m_Library;
+    bool m_AsJson;
     std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
     std::string m_Port; // empty until the server listens
     size_t m_Passed = 0;
@@ -146,14 +149,28 @@ int Demo::RemainingMs() const {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
+void Demo::Report(bool passed, const std::string &who, const std::string &what) {
+    (passed ? m_Passed : m_Failed) += 1;
+    PrintEvent(m_AsJson, {{"event", "check"}, {"process", who}, {"passed", passed}, {"text", what}},
+               "{:<4} {}  {}", passed ? "ok" : "FAIL", who, what);
+}
+
+int Demo::Summarize() {
+    const double seconds = MsSince(m_Start) / 1000;
+    PrintEvent(
+        m_AsJson,
+        {{"event", "summary"}, {"passed", m_Passed}, {"failed", m_Failed}, {"seconds", seconds}},
+        "{}: {} passed, {} failed, in {:.1f} s", m_Failed == 0 ? "all is well" : "FAILED",
+        Counted(m_Passed, "check"), m_Failed, seconds);
+    return m_Failed == 0 ? kDone : kFailed;
+}
+
 void Demo::TakeLine(const std::string &who, const std::string &line) {
     if (line.starts_with("port ")) {
         m_Port = line.substr(5);
         return;
     }
-    const bool passed = line.starts_with("ok ");
-    (passed ? m_Passed : m_Failed) += 1;
-    PrintLine("{:<4} {}  {}", passed ? "ok" : "FAIL", who, line.substr(line.find(' ') + 1));
+    Report(line.starts_with("ok "), who, line.substr(line.find(' ') + 1));
 }
 
 bool Demo::ReadFrom(Child &child, std::string *unread) {
@@ -168,8 +185,7 @@ bool Demo::ReadFrom(Child &child, std::string *unread) {
 void Demo::CheckExit(Child &child) {
     const int status = child.Wait(m_Start);
     if (status != kDone) {
-        ++m_Failed;
-        PrintLine("FAIL {}  the process ended with status {}", child.Name(), status);
+        Report(false, child.Name(), fmt::format("the process ended with status {}", status));
     }
 }
 
@@ -184,8 +200,8 @@ int Demo::Run() {
         pollfd waits[] = {{server.Output(), POLLIN, 0},
                           {client == nullptr || clientEnded ? -1 : client->Output(), POLLIN, 0}};
         if (poll(waits, std::size(waits), RemainingMs()) == 0) {
-            PrintLine("FAIL       not finished within {:.0f} s", kLimitMs / 1000);
-            return kFailed;
+            Report(false, "demo", fmt::format("not finished within {:.0f} s", kLimitMs / 1000));
+            return Summarize();
         }
         if (waits[0].revents != 0) {
             serverEnded = ReadFrom(server, &fromServer);
@@ -205,18 +221,18 @@ int Demo::Run() {
     }
     CheckExit(server);
     if (!clientEnded) {
-        ++m_Failed;
-        PrintLine("FAIL server  ended before the client did");
+        Report(false, "server", "ended before the client did");
     }
-    PrintLine("{}: {} passed, {} failed, in {:.1f} s", m_Failed == 0 ? "all is well" : "FAILED",
-              Counted(m_Passed, "check"), m_Failed, MsSince(m_Start) / 1000);
-    return m_Failed == 0 ? kDone : kFailed;
+    return Summarize();
 }
 
 void AddDemo(CLI::App &app, Program &program) {
     CLI::App *demo = app.add_subcommand(
         "demo", "A server process and a client process exchange requests; each finding is a line.");
-    demo->callback([&program] { program.Status = Demo(LibraryPath(program)).Run(); });
+    auto json = std::make_shared<bool>(false);
+    demo->add_flag("--json", *json, "a JSON object for each finding, and for their count");
+    EndHelp(*demo, {"demo", "demo --json"});
+    demo->callback([&program, json] { program.Status = Demo(LibraryPath(program), *json).Run(); });
 }
 
 } // namespace nrpc::tool

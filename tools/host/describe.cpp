@@ -1,14 +1,11 @@
 // nrpc-host describe: everything that the host reads from the descriptor.
 #include <memory>
 
-#include <nlohmann/json.hpp>
-
 #include "program.h"
 
 namespace nrpc::tool {
 
 using namespace hostkit;
-using Json = nlohmann::ordered_json;
 
 static std::string TypeName(uint32_t typeCode) {
     switch (typeCode) {
@@ -185,6 +182,7 @@ void AddDescribe(CLI::App &app, Program &program) {
     CLI::App *describe =
         app.add_subcommand("describe", "Prints what the library tells the host about itself.");
     describe->add_flag("--json", *json, "for programs");
+    EndHelp(*describe, {"describe", "describe --json", "--library ./libnrpc.so describe"});
     describe->callback([&program, json] {
         Heap heap;
         const Library library(LibraryPath(program), heap);

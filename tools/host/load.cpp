@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -14,6 +13,7 @@
 #include <unordered_map>
 
 #include "call.h"
+#include "signals.h"
 
 namespace nrpc::tool {
 
@@ -23,7 +23,7 @@ using Clock = std::chrono::steady_clock;
 // Every client is a thread of ours and one to three of the library's: 32 bits of address space hold
 // few stacks of the usual size.
 static constexpr size_t kStackLen = size_t{256} * 1024;
-static constexpr auto kPause = std::chrono::milliseconds(100);
+static constexpr int kPauseMs = 100;
 static constexpr int32_t kHeadLen = 8; // client and number, so that another's reply is noticed
 
 namespace {
@@ -115,7 +115,7 @@ void Worker::Connect() {
                 return;
             }
         }
-        std::this_thread::sleep_for(kPause);
+        std::this_thread::sleep_for(std::chrono::milliseconds(kPauseMs));
     }
 }
 
@@ -202,11 +202,10 @@ void Worker::Run() {
 }
 
 // Until the clients are done, the time is over or a signal comes.
-static void Watch(Load &load, const sigset_t &signals, Clock::time_point start) {
+static void Watch(Load &load, const EndSignals &signals, Clock::time_point start) {
     const LoadOptions &options = load.Options;
     const bool showsProgress = isatty(STDERR_FILENO) != 0;
-    const timespec pause = {0, 100000000};
-    while (load.ClientsLeft > 0 && sigtimedwait(&signals, nullptr, &pause) < 0) {
+    while (load.ClientsLeft > 0 && !signals.CameWithin(kPauseMs)) {
         const double done = options.Requests > 0
                                 ? static_cast<double>(load.ReplyCount) / options.Requests
                                 : MsSince(start) / 1000 / options.Seconds;
@@ -235,21 +234,20 @@ static int MakeLoad(const Program &program, const LoadOptions &options) {
     pthread_attr_setstacksize(&attributes, kStackLen);
     pthread_setattr_default_np(&attributes);
     pthread_attr_destroy(&attributes);
-    sigset_t signals; // blocked before the first thread starts, so that only this one takes them
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const EndSignals signals;
 
     Heap heap;
     Library library(LibraryPath(program), heap);
-    if (Client first(library); !first.ClientConnect(load.Server.Port, load.Server.Host)) {
-        throw std::runtime_error(fmt::format("cannot connect to {}", options.Server));
-    }
     std::deque<Worker> workers;
     std::vector<std::thread> threads;
-    for (uint32_t number = 0; number < static_cast<uint32_t>(options.Clients); ++number) {
-        workers.emplace_back(library, load, number).Connect();
+    {
+        const EndWatch connecting(signals, [] { _exit(Complain("interrupted", kInterrupted)); });
+        if (Client first(library); !first.ClientConnect(load.Server.Port, load.Server.Host)) {
+            throw std::runtime_error(fmt::format("cannot connect to {}", options.Server));
+        }
+        for (uint32_t number = 0; number < static_cast<uint32_t>(options.Clients); ++number) {
+            workers.emplace_back(library, load, number).Connect();
+        }
     }
     const auto start = Clock::now();
     for (Worker &worker : workers) {
@@ -270,7 +268,7 @@ void AddLoad(CLI::App &app, Program &program) {
     auto options = std::make_shared<LoadOptions>();
     CLI::App *load = app.add_subcommand(
         "load", "Many clients ask an echo service as fast as it answers; every reply is checked. "
-                "Exit status 1 when one was wrong, lost or late.");
+                "It fails when one was wrong, lost or late.");
     load->add_option("server", options->Server, "where the server listens")
         ->required()
         ->type_name("HOST:PORT");
@@ -297,6 +295,8 @@ void AddLoad(CLI::App &app, Program &program) {
         ->capture_default_str()
         ->check(positive);
     load->add_flag("--json", options->Json, "the figures as one JSON object");
+    EndHelp(*load, {"load 127.0.0.1:7000 --clients 50 --seconds 10",
+                    "load 127.0.0.1:7000 --mode async --requests 100000 --json"});
     load->callback([&program, options] {
         if (options->Mode == "async" &&
             options->Clients > static_cast<int32_t>(kHandlerSlotCount)) {

@@ -1,7 +1,6 @@
 // The figures of a load, for people and for programs.
 #include <algorithm>
 #include <cmath>
-#include <nlohmann/json.hpp>
 
 #include "load.h"
 
@@ -50,7 +49,7 @@ void PrintLoad(const LoadOptions &options, LoadResult &result) {
     const double p99 = Percentile(sorted, 0.99);
     const double most = Percentile(sorted, 1);
     if (options.Json) {
-        const nlohmann::json json = {
+        PrintJson({
             {"clients", options.Clients},
             {"mode", options.Mode},
             {"bytes", options.ByteCount},
@@ -66,8 +65,7 @@ void PrintLoad(const LoadOptions &options, LoadResult &result) {
             {"p99_ms", p99},
             {"max_ms", most},
             {"connections", result.Connections},
-        };
-        PrintLine("{}", json.dump());
+        });
         return;
     }
     PrintLine("{} for {:.1f} s, {} at once, {} each way",

@@ -1,5 +1,6 @@
 // nrpc-host: describes the library, serves with it, calls with it, and demonstrates it.
-#include <algorithm>
+#include <csignal>
+#include <sstream>
 
 #include "program.h"
 
@@ -9,33 +10,17 @@ std::string LibraryPath(const Program &program) {
     return program.LibraryPath.empty() ? hostkit::FindLibrary() : program.LibraryPath;
 }
 
-std::string Counted(uint64_t count, std::string_view noun, std::string_view plural) {
-    if (count == 1 || plural.empty()) {
-        return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+void EndHelp(CLI::App &app, std::initializer_list<std::string_view> examples) {
+    std::string text = "Examples:\n";
+    for (const std::string_view example : examples) {
+        text += fmt::format("  nrpc-host {}\n", example);
     }
-    return fmt::format("{} {}", count, plural);
-}
-
-std::string Excerpt(hostkit::ByteSpan payload) {
-    constexpr size_t kShownChars = 40;
-    constexpr size_t kGreatestCharLen = 2; // in GBK
-    const size_t headLen = std::min(payload.size(), kShownChars * kGreatestCharLen);
-    const auto head = payload.first(headLen);
-    const std::string readable = hostkit::Utf8FromGbk(std::string(head.begin(), head.end()));
-    std::string shown;
-    size_t chars = 0;
-    size_t at = 0;
-    for (; at < readable.size(); ++at) {
-        const auto byte = static_cast<unsigned char>(readable[at]);
-        chars += (byte & 0xC0) == 0x80 ? 0 : 1; // the first byte of a character
-        if (chars > kShownChars) {
-            break;
-        }
-        shown += byte < 0x20 || byte == 0x7F ? fmt::format("\\x{:02X}", byte)
-                                             : std::string(1, readable[at]);
-    }
-    const bool isWhole = at == readable.size() && headLen == payload.size();
-    return fmt::format("\"{}\"{}", shown, isWhole ? "" : "...");
+    text += "\nExit status:\n"
+            "  0    it worked\n"
+            "  1    something failed\n"
+            "  2    the arguments are wrong\n"
+            "  130  Ctrl-C or SIGTERM interrupted a call or a connect";
+    app.footer(text);
 }
 
 hostkit::Bytes CountedBytes(size_t count) {
@@ -46,15 +31,12 @@ hostkit::Bytes CountedBytes(size_t count) {
     return bytes;
 }
 
-static int Complain(std::string_view what, int status) {
-    fmt::print(stderr, "nrpc-host: {}\n", what.substr(0, what.find('\n')));
-    return status;
-}
-
 static int Main(int argc, char **argv) {
+    signal(SIGPIPE, SIG_DFL); // whatever the caller made of it: a gone reader ends the program
     Program program;
     CLI::App app("A stand-in for the host of the remote-service library.", "nrpc-host");
     app.add_option("--library", program.LibraryPath, "the library to load")->type_name("PATH");
+    app.set_version_flag("--version", "nrpc-host " NRPC_VERSION, "Print the version and exit");
     AddDescribe(app, program);
     AddServe(app, program);
     AddCall(app, program);
@@ -62,13 +44,19 @@ static int Main(int argc, char **argv) {
     AddDemo(app, program);
     AddDemoServer(app, program);
     AddDemoClient(app, program);
+    EndHelp(app, {"serve --port 7000", "call 127.0.0.1:7000 hello", "describe --json"});
     try {
         app.parse(argc, argv);
         if (app.get_subcommands().empty()) {
             throw CLI::RequiredError("a subcommand (see --help)");
         }
     } catch (const CLI::ParseError &error) {
-        return error.get_exit_code() == 0 ? app.exit(error) : Complain(error.what(), kBadArguments);
+        if (error.get_exit_code() != 0) {
+            return Complain(error.what(), kBadArguments);
+        }
+        std::ostringstream text; // the help or the version
+        app.exit(error, text, text);
+        Print(text.str());
     } catch (const std::exception &error) {
         return Complain(error.what(), kFailed);
     }

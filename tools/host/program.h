@@ -2,18 +2,17 @@
 #pragma once
 
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <string_view>
 
-#include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "hostkit.h"
+#include "output.h"
 
 namespace nrpc::tool {
 
-enum ExitStatus { kDone = 0, kFailed = 1, kBadArguments = 2 };
+// kInterrupted: a call or a connect, by Ctrl-C or SIGTERM; numbered as shells do.
+enum ExitStatus { kDone = 0, kFailed = 1, kBadArguments = 2, kInterrupted = 130 };
 
 // Filled by the command line; each subcommand runs as its callback and leaves its status. Bad
 // arguments that the parser cannot see are thrown as CLI::ValidationError, other failures as
@@ -33,19 +32,9 @@ void AddDescribe(CLI::App &app, Program &program);
 void AddLoad(CLI::App &app, Program &program);
 void AddServe(CLI::App &app, Program &program);
 
-// One line of output, written as a whole: several threads may print.
-template <typename... Args>
-void PrintLine(fmt::format_string<Args...> format, Args &&...args) {
-    const std::string line = fmt::format(format, std::forward<Args>(args)...) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
-}
-
-// "1 client", "2 clients"
-std::string Counted(uint64_t count, std::string_view noun, std::string_view plural = {});
-
-// The beginning of a payload of the host, quoted and readable.
-std::string Excerpt(hostkit::ByteSpan payload);
+// What the help of a subcommand ends with: examples, a line each and without the program's name,
+// and the exit statuses.
+void EndHelp(CLI::App &app, std::initializer_list<std::string_view> examples);
 
 // Test bytes of which no two neighbouring stretches are alike: a lost or doubled packet shows.
 hostkit::Bytes CountedBytes(size_t count);

@@ -1,16 +1,13 @@
 // nrpc-host serve: answers every request with its own content and prints each event.
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <ctime>
 #include <memory>
-#include <system_error>
 
 #include "console.h"
 #include "program.h"
+#include "signals.h"
 
 namespace nrpc::tool {
 
@@ -25,15 +22,13 @@ struct Options {
     int32_t Seconds = 0;          // 0: until a signal
     int32_t PushSeconds = 0;      // 0: no pushes
     bool Quiet = false;
+    bool Json = false;
 };
 
 // What ends or interrupts the wait for the service's end: signals, typed lines, the time.
 class Watch {
   public:
-    Watch(Server &server, const Options &options);
-    ~Watch() { close(m_Signals); }
-    Watch(const Watch &) = delete;
-    Watch &operator=(const Watch &) = delete;
+    Watch(Server &server, const EndSignals &signals, const Options &options);
     void UntilEnd();
 
   private:
@@ -43,24 +38,35 @@ class Watch {
     bool ReadLines(); // false: the service is to stop
 
     Server &m_Server;
+    const EndSignals &m_Signals;
+    const bool m_AsJson;
     const std::chrono::seconds m_PushPause;
     Clock::time_point m_End = Clock::time_point::max();
     Clock::time_point m_NextPush = Clock::time_point::max();
     int32_t m_PushCount = 0;
-    int m_Signals;
     int m_Input = STDIN_FILENO; // -1 after its end
     std::string m_Unread;
 };
 
 } // namespace
 
-static std::string TimeOfDay() {
+// Local for people, "09:15:00.123", and of the world for programs, "2026-01-31T08:15:00.123Z".
+static std::string TimeNow(bool forPrograms) {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    return fmt::format("{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min, local.tm_sec,
-                       now.tv_nsec / 1000000);
+    tm parts = {};
+    forPrograms ? gmtime_r(&now.tv_sec, &parts) : localtime_r(&now.tv_sec, &parts);
+    char text[32] = "";
+    strftime(text, sizeof(text), forPrograms ? "%FT%T" : "%T", &parts);
+    return fmt::format("{}.{:03}{}", text, now.tv_nsec / 1000000, forPrograms ? "Z" : "");
+}
+
+// An event and its time.
+template <typename... Args>
+static void Report(bool asJson, Json event, fmt::format_string<Args...> format, Args &&...args) {
+    const std::string time = TimeNow(asJson);
+    event["time"] = time;
+    PrintEvent(asJson, event, "{}  {}", time, fmt::format(format, std::forward<Args>(args)...));
 }
 
 // Two handlers, of which one is used. They may run several times at once.
@@ -71,44 +77,49 @@ static void Answer(Server &server, HostWord message) {
     }
 }
 
-static void PrintAndAnswer(Server &server, HostWord message) {
+static void PrintAndAnswer(Server &server, HostWord message, bool asJson) {
     const int32_t kind = server.GetMsgKind(message);
     const int32_t handle = server.GetClientHandle(message).value_or(-1);
     if (kind == kClientConnected) {
-        PrintLine("{}  connect     handle {}  {}", TimeOfDay(), handle,
-                  server.GetClientIPAddr(handle).value_or("address unknown"));
+        const std::string address = server.GetClientIPAddr(handle).value_or("address unknown");
+        Report(asJson, {{"event", "connect"}, {"handle", handle}, {"address", address}},
+               "connect     handle {}  {}", handle, address);
         return;
     }
     if (kind == kClientDisconnected) {
-        PrintLine("{}  disconnect  handle {}", TimeOfDay(), handle);
+        Report(asJson, {{"event", "disconnect"}, {"handle", handle}}, "disconnect  handle {}",
+               handle);
         return;
     }
     const std::optional<RequestBin> request = server.GetRequestBin(message);
     if (kind != kRequest || !request.has_value()) {
-        PrintLine("{}  kind {}  handle {}  not readable", TimeOfDay(), kind, handle);
+        Report(asJson, {{"event", "unreadable"}, {"kind", kind}, {"handle", handle}},
+               "kind {}  handle {}  not readable", kind, handle);
         return;
     }
-    const bool answered = server.SendBinary(request->Code, request->Content);
-    PrintLine("{}  request     handle {}  {}  {}  {}{}", TimeOfDay(), handle, request->Code,
-              Counted(request->Content.size(), "byte"), Excerpt(request->Content),
-              answered ? "" : "  (reply refused)");
+    const auto &[code, content] = *request;
+    const bool answered = server.SendBinary(code, content);
+    const Excerpt excerpt = ExcerptOf(content);
+    Report(asJson,
+           {{"event", "request"},
+            {"handle", handle},
+            {"code", code},
+            {"bytes", content.size()},
+            {"text", excerpt.Text},
+            {"whole", excerpt.IsWhole},
+            {"answered", answered}},
+           "request     handle {}  {}  {}  {}{}", handle, code, Counted(content.size(), "byte"),
+           excerpt.Quoted(), answered ? "" : "  (reply refused)");
 }
 
-Watch::Watch(Server &server, const Options &options)
-    : m_Server(server), m_PushPause(options.PushSeconds) {
+Watch::Watch(Server &server, const EndSignals &signals, const Options &options)
+    : m_Server(server), m_Signals(signals), m_AsJson(options.Json),
+      m_PushPause(options.PushSeconds) {
     if (options.Seconds > 0) {
         m_End = Clock::now() + std::chrono::seconds(options.Seconds);
     }
     if (options.PushSeconds > 0) {
         m_NextPush = Clock::now() + m_PushPause;
-    }
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    m_Signals = signalfd(-1, &signals, SFD_CLOEXEC);
-    if (m_Signals < 0) {
-        throw std::system_error(errno, std::generic_category(), "signalfd");
     }
 }
 
@@ -129,7 +140,8 @@ void Watch::PushToAll() {
     for (const int32_t handle : m_Server.GetAllClient().value_or(std::vector<int32_t>())) {
         queued += m_Server.SendText(handle, text) ? 1U : 0U;
     }
-    PrintLine("{}  push        \"{}\" to {}", TimeOfDay(), text, Counted(queued, "client"));
+    Report(m_AsJson, {{"event", "push"}, {"text", text}, {"clients", queued}},
+           "push        \"{}\" to {}", text, Counted(queued, "client"));
 }
 
 bool Watch::ReadLines() {
@@ -143,7 +155,7 @@ bool Watch::ReadLines() {
     for (size_t end = m_Unread.find('\n'); end != std::string::npos; end = m_Unread.find('\n')) {
         const std::string line = m_Unread.substr(0, end);
         m_Unread.erase(0, end + 1);
-        if (!RunConsoleLine(m_Server, line)) {
+        if (!RunConsoleLine(m_Server, line, m_AsJson)) {
             return false;
         }
     }
@@ -152,7 +164,7 @@ bool Watch::ReadLines() {
 
 void Watch::UntilEnd() {
     for (;;) {
-        pollfd waits[] = {{m_Signals, POLLIN, 0}, {m_Input, POLLIN, 0}};
+        pollfd waits[] = {{m_Signals.Descriptor(), POLLIN, 0}, {m_Input, POLLIN, 0}};
         poll(waits, std::size(waits), WaitMs());
         if (waits[0].revents != 0 || Clock::now() >= m_End ||
             (waits[1].revents != 0 && !ReadLines())) {
@@ -165,13 +177,7 @@ void Watch::UntilEnd() {
 }
 
 static int Serve(const Program &program, const Options &options) {
-    // Blocked before the first thread starts, so that only this thread takes them.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
+    const EndSignals signals;
     Heap heap;
     Library library(LibraryPath(program), heap);
     Server server(library);
@@ -180,16 +186,17 @@ static int Serve(const Program &program, const Options &options) {
         throw std::runtime_error("the library refused the thread counts");
     }
     const auto handler = [&server, &options](HostWord message) {
-        options.Quiet ? Answer(server, message) : PrintAndAnswer(server, message);
+        options.Quiet ? Answer(server, message) : PrintAndAnswer(server, message, options.Json);
     };
     if (!server.StartServer(options.Port, handler, options.Serial)) {
         throw std::runtime_error(fmt::format("cannot start the service on port {}", options.Port));
     }
-    PrintLine("listening on port {}", options.Port);
-    Watch(server, options).UntilEnd();
-    PrintLine("stopping");
+    PrintEvent(options.Json, {{"event", "started"}, {"port", options.Port}}, "listening on port {}",
+               options.Port);
+    Watch(server, signals, options).UntilEnd();
+    PrintEvent(options.Json, {{"event", "stopping"}}, "stopping");
     server.StopServer();
-    PrintLine("stopped");
+    PrintEvent(options.Json, {{"event", "stopped"}}, "stopped");
     return kDone;
 }
 
@@ -213,6 +220,9 @@ void AddServe(CLI::App &app, Program &program) {
         ->type_name("SECONDS")
         ->check(CLI::Range(1, INT32_MAX));
     serve->add_flag("--quiet", options->Quiet, "no line for each event");
+    serve->add_flag("--json", options->Json, "a JSON object for each event, on one line");
+    EndHelp(*serve, {"serve --port 7000", "serve --port 7000 --threads 2 8 --push 5",
+                     "serve --port 7000 --seconds 60 --json"});
     serve->callback([&program, options] {
         if (!options->Threads.empty() && options->Threads[0] > options->Threads[1]) {
             throw CLI::ValidationError("--threads", "MIN is greater than MAX");

@@ -49,6 +49,12 @@ static SendResult NotWritable(ClientEntry *entry, ResultData *reply) {
     return reply->SendTimes <= kMaxSendTimes ? kTryAgain : kReplyFailed;
 }
 
+// Asked behind each packet.
+static bool IsOver(ServerContext *context, const ClientEntry *entry, const ResultData *reply) {
+    return entry->Outgoing.First == nullptr ||
+           ClientCancleCurMsg(context, entry, reply->MsgID) == 1;
+}
+
 SendResult SendData(ServerContext *context, ClientEntry *entry, ResultData *reply) {
     if (entry->Outgoing.SentLen == 0 && ClientCancleCurMsg(context, entry, reply->MsgID) == 1) {
         return kReplyDone;
@@ -85,8 +91,7 @@ SendResult SendData(ServerContext *context, ClientEntry *entry, ResultData *repl
         }
         vain = 0;
         FreeReplyPayload(reply); // from here on the reply lives in its packets
-        if (attempt == kPacketWritten && (entry->Outgoing.First == nullptr ||
-                                          ClientCancleCurMsg(context, entry, reply->MsgID) == 1)) {
+        if (attempt == kPacketWritten && IsOver(context, entry, reply)) {
             return kReplyDone;
         }
         entry->ProgressMs = MonotonicMs();

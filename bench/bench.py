@@ -240,6 +240,21 @@ def print_table(medians, ratios, names):
         print(f"W9: {MOST_CLIENTS} stands for that many or more")
 
 
+def print_markdown(medians, ratios):
+    """The table of docs/performance.md."""
+    names = list(medians)
+    print("| | | | " + " | ".join(names) + " |")
+    print("|---|---|---" + "|---:" * len(names) + "|")
+    for row, what, unit in ROWS:
+        if row in medians[LIBRARY]:
+            cells = [row, what, unit, figure_text(medians[LIBRARY][row])]
+            for name in names[1:]:
+                ratio = ratios[name].get(row)
+                cells.append(figure_text(medians[name][row])
+                             + (f" (x {figure_text(ratio)})" if ratio else ""))
+            print("| " + " | ".join(cells) + " |")
+
+
 def print_noise(spreads, load):
     loud = [f"{name} {row} {part:.0%}" for name, rows in spreads.items()
             for row, part in rows.items() if part > NOISY_SPREAD]
@@ -277,6 +292,8 @@ def options():
                         help="beside bare sockets, nng and ZeroMQ")
     parser.add_argument("--beside", metavar="LIBRARY", help="and another build of the library")
     parser.add_argument("--only", metavar="W1,W2", default="", help="these rows alone")
+    parser.add_argument("--table", action="store_true",
+                        help="instead: the last run once more, in Markdown")
     parser.add_argument("--soak", metavar="MINUTES", type=float,
                         help="instead: a steady load of clients that come and go")
     return parser.parse_args()
@@ -299,6 +316,11 @@ def main():
     library = Program(LIBRARY, str(BUILD / "release" / "nrpc_bench"), tally)
     if args.soak:
         return soak.run(library, args.soak, BUILD / "soak.svg")
+
+    if args.table:
+        last = json.loads((BUILD / "bench.json").read_text(encoding="utf-8"))
+        print_markdown(last["medians"], last["ratios"])
+        return 0
 
     programs = [library]
     if args.beside:

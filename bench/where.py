@@ -2,10 +2,12 @@
 """The parts of bench/where.sh that count: where.py <command> [argument...], see below."""
 
 import collections
+import json
 import os
 import re
 import socket
 import statistics
+import subprocess
 import sys
 import time
 
@@ -40,7 +42,7 @@ STAGES = {
 }
 # Every allocation of the library goes through TakeCounted or NewRecord, and every lock but those of
 # the process through MyEnterCriticalSection.
-COUNTED = (("allocations", ("TakeCounted", "calloc")), ("locks", ("MyEnterCriticalSection",
+COUNTED = (("allocations", ("TakeCounted", "malloc")), ("locks", ("MyEnterCriticalSection",
            "pthread_mutex_lock")), ("clock_gettime", ("clock_gettime",)), ("poll", ("poll",)),
            ("recv", ("recv",)), ("send", ("send",)), ("clock_nanosleep", ("clock_nanosleep",)))
 
@@ -159,11 +161,15 @@ def switches(pid):
     return counts, threads
 
 
+def cpu_s(pid):
+    return time.clock_gettime((~int(pid) << 3) | 2)
+
+
 def wakeups(pid, seconds):
     before, _ = switches(pid)
-    cpu = time.clock_gettime((~int(pid) << 3) | 2)
+    cpu = cpu_s(pid)
     time.sleep(float(seconds))
-    cpu = time.clock_gettime((~int(pid) << 3) | 2) - cpu
+    cpu = cpu_s(pid) - cpu
     after, threads = switches(pid)
     print(f"idle: {cpu / float(seconds) * 1000:.1f} ms processor time a second; wake-ups a second:")
     for name, count in (after - before).most_common():
@@ -171,8 +177,22 @@ def wakeups(pid, seconds):
     print(f"  {'all':16} {sum((after - before).values()) / float(seconds):8.0f}")
 
 
+# --- growth -----------------------------------------------------------------------------------
+
+
+def cost(pid, program, port, connections, size, limit, seconds):
+    cpu = cpu_s(pid)
+    load = ["pipeline", port, connections, size, limit, seconds]
+    got = json.loads(subprocess.run([program, *load], check=True, stdout=subprocess.PIPE).stdout)
+    cpu = cpu_s(pid) - cpu
+    if got["wrong"] or got["lost"]:
+        sys.exit(f"wrong or lost replies: {got}")
+    print(f"  {connections:>4} connections, {size:>7} bytes: {cpu / got['count'] * 1e6:8.1f} us,"
+          f" {cpu / got['count'] / int(size) * 1e9:7.2f} ns a byte")
+
+
 COMMANDS = {"port": lambda: print(free_port()), "instructions": instructions,
-            "exchange": exchange, "wakeups": wakeups}
+            "exchange": exchange, "wakeups": wakeups, "cost": cost}
 
 if __name__ == "__main__":
     COMMANDS[sys.argv[1]](*sys.argv[2:])

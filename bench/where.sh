@@ -23,7 +23,7 @@ start_server() {
     "$@" "$program" server "$port" <"$work/input" >"$work/server.log" 2>"$work/server.err" &
     server_pid=$!
     exec 9>"$work/input"
-    until grep -q ready "$work/server.log"; do
+    until grep -qs ready "$work/server.log"; do
         kill -0 "$server_pid" || { cat "$work/server.err" >&2; return 1; }
         sleep 0.1
     done
@@ -80,3 +80,19 @@ python3 -B where.py exchange "$port" 300
 "$program" latency "$port" 64 50 6 | tee "$work/client.json"
 replies_of "$work/client.json" >/dev/null
 end_server
+
+title "processor time of the server for each request"
+while read -r connections size limit; do
+    start_server
+    python3 -B where.py cost "$server_pid" "$program" "$port" "$connections" "$size" "$limit" 2
+    end_server
+done <<'END'
+1 64 1000
+1 1024 1000
+1 16384 64
+1 262144 4
+1 1048576 4
+8 64 125
+32 64 32
+128 64 8
+END

@@ -21,8 +21,8 @@ using namespace hostkit;
 using Clock = std::chrono::steady_clock;
 
 // Every client is a thread of ours and one to three of the library's: 32 bits of address space hold
-// few stacks of the usual size.
-static constexpr size_t kStackLen = size_t{256} * 1024;
+// few stacks of the usual size, while the sanitizer's threads of 64 bits need more.
+static constexpr size_t kStackLen = size_t{sizeof(void *) == 4 ? 256 : 8192} * 1024;
 static constexpr int kPauseMs = 100;
 static constexpr int32_t kHeadLen = 8; // client and number, so that another's reply is noticed
 

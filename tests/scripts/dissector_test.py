@@ -148,7 +148,7 @@ def check_real_exchanges(capture, rows):
     check(rows, reply, msgid="0011", kind=REPLY, text="hello", request_in=request, reply_in="",
           time="%.9f" % capture.seconds(request, reply))
 
-    records = peer.Assembly().take(bytes(capture.sent[1, UP]), 0)
+    records = peer.Assembly().take(bytes(capture.sent[1, UP]))
     for number, message in enumerate(records):
         ends = [number * 20084 + end for end in (8212, 16424, 20084)]  # of the three packets
         up, down = ([capture.frame(1, way, end) for end in ends] for way in (UP, DOWN))

@@ -1,15 +1,13 @@
 """peer.py: a client and a server of the protocol in docs/protocol.md, written from that page alone.
 
 It shares nothing with the library, so that a fault of one side cannot hide behind the same fault
-of the other. Message ids are ints here, payloads are bytes, times are seconds.
+of the other. Message ids are ints here, payloads are bytes. Sockets give up after WAIT_S.
 """
 import collections
 import itertools
-import select
 import socket
 import struct
 import threading
-import time
 
 HEAD = struct.Struct("<4s4siii")  # Magic, MsgID, TotalLen, ChunkIndex, ChunkLen
 MAGIC = b"NMSG"
@@ -18,8 +16,7 @@ MAX_CHUNK_LEN = 1 << 20           # that we take
 MAX_MESSAGE_LEN = 256 << 20
 MAX_CHUNKS = 65536
 MIN_RECORD_LEN = 20
-HALF_MESSAGE_S = 21               # without a byte, then it is thrown away
-SOCKET_S = 30                     # for connecting, or without progress of a write
+WAIT_S = 30
 
 CLOSE_NOTICE = 0
 CANCEL = 1
@@ -78,15 +75,11 @@ class Assembly:
     def __init__(self):
         self.broken = False             # the connection is to be closed
         self._held = bytearray()
-        self._last_take = 0
         self._chunks = []               # of the message being assembled
         self._expected = None           # MsgID and ChunkIndex that continue it
 
-    def take(self, data, now):
-        """Adds what one read gave at the time `now`; returns the messages completed by it."""
-        if now - self._last_take > HALF_MESSAGE_S:
-            self._discard()
-        self._last_take = now
+    def take(self, data):
+        """Adds what one read gave; returns the messages completed by it."""
         self._held += data
         messages = []
         first = True
@@ -134,46 +127,37 @@ class Assembly:
 # --- the ends of a connection ---
 
 class Connection:
-    """A socket and what came out of it. One thread reads, any number may write."""
+    """A socket and what came out of it."""
 
     def __init__(self, sock):
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        sock.settimeout(SOCKET_S)
+        sock.settimeout(WAIT_S)
         self.received = bytearray()     # every byte that ever came ...
         self.records = []               # ... and every record
         self._sock = sock
         self._taken = 0                 # how many of them `receive` has given away
         self._assembly = Assembly()
-        self._write_lock = threading.Lock()
 
-    def write(self, data, sizes=(), pause=0):
-        """Writes bytes as they are, in pieces of these sizes (what is left then is one piece) with
-        a pause after each. All that sends can be given such pacing."""
-        rest = memoryview(data)
-        sizes = iter(sizes)
-        with self._write_lock:
-            while rest:
-                size = next(sizes, len(rest))
-                self._sock.sendall(rest[:size])
-                rest = rest[size:]
-                time.sleep(pause)
+    def write(self, data):
+        self._sock.sendall(data)
 
-    def send(self, msg_id, payload, **pacing):
-        self.write(wire_bytes(msg_id, payload), **pacing)
+    def send(self, msg_id, payload):
+        self.write(wire_bytes(msg_id, payload))
 
-    def receive(self, timeout):
+    def receive(self):
         """The next record, or None at the end of the stream; raises TimeoutError."""
-        deadline = time.monotonic() + timeout
         while self._taken == len(self.records):
-            if self._assembly.broken or not self._read(deadline - time.monotonic()):
+            try:
+                data = self._sock.recv(1 << 16)
+            except ConnectionResetError:
+                data = b""
+            if not data or self._assembly.broken:
                 return None
+            self.received += data
+            for message in self._assembly.take(data):
+                self.records += records_of(message)
         self._taken += 1
         return self.records[self._taken - 1]
-
-    def wait_for_bytes(self, timeout):
-        """Until there is something to read; raises TimeoutError."""
-        if not select.select([self._sock], [], [], max(0, timeout))[0]:
-            raise TimeoutError("nothing received in time")
 
     def hang_up(self):
         """Ends the connection; what the other side sent meanwhile can still be received."""
@@ -182,60 +166,19 @@ class Connection:
     def close(self):
         self._sock.close()
 
-    def _read(self, timeout):
-        self.wait_for_bytes(timeout)
-        try:
-            data = self._sock.recv(1 << 16)
-        except ConnectionResetError:
-            data = b""
-        self.received += data
-        for message in self._assembly.take(data, time.monotonic()):
-            self.records += records_of(message)
-        return data
-
 
 class Client(Connection):
     def __init__(self, port):
-        super().__init__(socket.create_connection(("127.0.0.1", port), SOCKET_S))
-        self.own = []                   # records that the server sent of its own accord
-        self.strays = []                # records that nothing here waits for
+        super().__init__(socket.create_connection(("127.0.0.1", port), WAIT_S))
         self._ids = itertools.cycle(REQUEST_IDS)
-        self._replies = {}              # request id: the reply, None until it is there
 
-    def new_id(self):
-        """The id of a request that the caller writes itself."""
+    def ask(self, payload):
+        """The reply to a request, whatever comes before it; None if the server closes instead."""
         msg_id = next(self._ids)
-        self._replies[msg_id] = None
-        return msg_id
-
-    def request(self, payload, **pacing):
-        """Sends a request; returns its id."""
-        msg_id = self.new_id()
-        self.send(msg_id, payload, **pacing)
-        return msg_id
-
-    def reply(self, msg_id, timeout):
-        """The reply to a request, whatever comes before it; None if the server closed instead."""
-        self.receive_until(lambda: self._replies[msg_id] is not None, timeout)
-        return self._replies.pop(msg_id)
-
-    def cancel(self, msg_id):
-        self._replies.pop(msg_id)
-        self.send(CANCEL, b"%04d" % msg_id)
-
-    def receive_until(self, reached, timeout):
-        """Sorts what comes, until reached() or the end of the stream; raises TimeoutError."""
-        deadline = time.monotonic() + timeout
-        while not reached():
-            record = self.receive(deadline - time.monotonic())
-            if record is None:
-                break
-            if record.msg_id in OWN_IDS:
-                self.own.append(record)
-            elif self._replies.get(record.msg_id, record) is None:
-                self._replies[record.msg_id] = record.payload
-            else:
-                self.strays.append(record)
+        self.send(msg_id, payload)
+        while (record := self.receive()) and record.msg_id != msg_id:
+            pass
+        return record and record.payload
 
 
 class Session(Connection):
@@ -244,44 +187,24 @@ class Session(Connection):
     def __init__(self, sock):
         super().__init__(sock)
         self.ended = threading.Event()  # nothing more comes from the client
-        self._own_ids = itertools.cycle(OWN_IDS)
-        self._cancelled = False
-        self._latest_request = None
 
-    def serve(self, handler, timeout):
+    def serve(self, handler):
         """Calls handler(session, record) for each request until the client is gone or silent."""
         try:
-            while (record := self.receive(timeout)) is not None:
-                if record.msg_id == CANCEL:
-                    self._cancelled = True
-                    self._latest_request = None
-                elif record.msg_id >= min(REQUEST_IDS):
-                    self._latest_request = record.msg_id
+            while (record := self.receive()) is not None:
+                if record.msg_id >= min(REQUEST_IDS):
                     handler(self, record)
-        except (OSError, ValueError):
+        except OSError:
             pass                        # silent, or gone while the handler was at work
         self.ended.set()
-
-    def reply(self, msg_id, payload, **pacing):
-        """Answers a request, unless a cancel has made that unwanted."""
-        if not self._cancelled or msg_id == self._latest_request:
-            self.send(msg_id, payload, **pacing)
-
-    def push(self, payload):
-        self.send(next(self._own_ids), payload)
-
-    def kick(self):
-        self.write(record_bytes(CLOSE_NOTICE, b""))
-        self.hang_up()
 
 
 class Server:
     """Serves on a free port of the loopback, each client in a thread of its own, until close()."""
 
-    def __init__(self, handler, timeout=60):
+    def __init__(self, handler):
         self.sessions = []
         self._handler = handler
-        self._timeout = timeout
         self._listener = socket.create_server(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
@@ -295,7 +218,6 @@ class Server:
             while True:
                 session = Session(self._listener.accept()[0])
                 self.sessions.append(session)
-                threading.Thread(target=session.serve, args=(self._handler, self._timeout),
-                                 daemon=True).start()
+                threading.Thread(target=session.serve, args=(self._handler,), daemon=True).start()
         except OSError:
             pass                        # close() was called

@@ -13,7 +13,7 @@ import subprocess
 import sys
 import threading
 
-from peer import CANCEL, CLOSE_NOTICE, OWN_IDS, WAIT_S, Client, Server, record_bytes, wire_bytes
+from peer import CANCEL, CLOSE_NOTICE, OWN_IDS, WAIT_S, Client, Server, wire_bytes
 
 PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs" / "protocol.md"
 

@@ -61,6 +61,9 @@ struct ServerContext {
     PoolHandleList *WorkPoolHandleList;
     PoolHandleList *UserPoolHandleList;
 
+    // Pools whose manager has started its first worker, or tried.
+    std::atomic<int32_t> PoolsBegun;
+
     // The accept thread of this server; the id is valid while AcceptRuns is 1.
     pthread_t AcceptThreadHandle;
     bool AcceptRuns;

@@ -1,5 +1,7 @@
 #include "server/pools.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 
 #include "host/overdue.h"
@@ -218,14 +220,54 @@ static void LeavePool(ThreadArg *thread) {
 
 // --- manager ----------------------------------------------------------------------------------
 
-static void StartFirstWorkers(ThreadArg *manager) {
-    ThreadPool *pool = PoolOf(manager);
-    for (int32_t step = 0; step < pool->MinThreadNum && pool->StopFlag == 0; ++step) {
-        // Counted before it runs, so that it never finds a pool with fewer threads than there are.
-        LockGuard guard(pool->Lock);
-        if (StartPoolThread(manager->Context, *manager->Kind, manager->Kind->Worker)) {
-            pool->ThreadNum += 1;
+namespace {
+
+// Address space that further workers leave for the messages which they are to serve.
+class Headroom {
+  public:
+    Headroom()
+        : m_Place(
+              mmap(nullptr, kLen, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)) {}
+    ~Headroom() {
+        if (m_Place != MAP_FAILED) {
+            munmap(m_Place, kLen);
         }
+    }
+    Headroom(const Headroom &) = delete;
+    Headroom &operator=(const Headroom &) = delete;
+    explicit operator bool() const { return m_Place != MAP_FAILED; }
+
+  private:
+    static constexpr size_t kLen = size_t{4} * 1024 * 1024;
+    void *m_Place;
+};
+
+} // namespace
+
+// Under the pool's lock, so that the worker never finds a pool with fewer threads than there are.
+static void AddWorker(const ThreadArg *manager) {
+    if (StartPoolThread(manager->Context, *manager->Kind, manager->Kind->Worker)) {
+        PoolOf(manager)->ThreadNum += 1;
+    }
+}
+
+static void StartFirstWorkers(ThreadArg *manager) {
+    ServerContext *context = manager->Context;
+    ThreadPool *pool = PoolOf(manager);
+    {
+        LockGuard guard(pool->Lock);
+        AddWorker(manager);
+    }
+    // Each pool has one before any takes the memory for the others: a single pool without a worker
+    // would make the server dumb.
+    ++context->PoolsBegun;
+    while (context->PoolsBegun < kPoolCount && pool->StopFlag == 0) {
+        MySleep(1);
+    }
+    const Headroom headroom;
+    for (int32_t step = 1; headroom && step < pool->MinThreadNum && pool->StopFlag == 0; ++step) {
+        LockGuard guard(pool->Lock);
+        AddWorker(manager);
     }
 }
 
@@ -235,11 +277,10 @@ static void Grow(ThreadArg *manager) {
     if (pool->ThreadNum >= pool->MaxThreadNum || pool->ThreadNum - pool->BusyThreadNum > kFewIdle) {
         return;
     }
+    const Headroom headroom;
     int32_t step = std::min(kGrowthStep, pool->MaxThreadNum - pool->ThreadNum);
-    for (; step > 0 && pool->StopFlag == 0; --step) {
-        if (StartPoolThread(manager->Context, *manager->Kind, manager->Kind->Worker)) {
-            pool->ThreadNum += 1;
-        }
+    for (; headroom && step > 0 && pool->StopFlag == 0; --step) {
+        AddWorker(manager);
     }
 }
 

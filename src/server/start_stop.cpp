@@ -45,6 +45,7 @@ int32_t SockInit(ServerContext *context, int32_t minimum, int32_t maximum) {
     context->WorkThreadPool = CreateWorkThreadPool(maximum, minimum);
     context->ClientWorkThreadPool = CreateClientWorkThreadPool(maximum, minimum);
     context->ListenSocket = -1;
+    context->PoolsBegun = 0;
     context->RunFlag = 1;
     if (context->ProcessMode == kSerialMode) {
         context->ProcessLock = MyCreateCriticalSection();

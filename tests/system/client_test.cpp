@@ -276,7 +276,7 @@ TEST_F(SynchronousClient, ASecondConnectionNeedsTheEndOfTheFirst) {
         peer.emplace(m_Listener.Accept());
     }
     ExpectServed(*peer);
-    EXPECT_EQ(messages, 2);
+    EXPECT_TRUE(messages == 2 || messages == 3) << "one loss may be told of before the disconnect";
 }
 
 TEST_F(SynchronousClient, CommandsOfObjectsThatAreNotAliveFail) {

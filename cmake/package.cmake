@@ -15,6 +15,7 @@ install(FILES README.md DESTINATION ${NRPC_DOC_DIR})
 install(FILES README.zh-CN.md CHANGELOG.md DESTINATION ${NRPC_DOC_DIR} OPTIONAL)
 install(DIRECTORY docs/ DESTINATION ${NRPC_DOC_DIR}/docs FILES_MATCHING PATTERN "*.md")
 install(FILES examples/minimal_host.c DESTINATION ${NRPC_DOC_DIR}/examples)
+install(PROGRAMS examples/peer.py DESTINATION ${NRPC_DOC_DIR}/examples)
 install(DIRECTORY examples/deploy DESTINATION ${NRPC_DOC_DIR}/examples USE_SOURCE_PERMISSIONS)
 
 # What Debian asks for. Its changelog names the version; what changed stands in CHANGELOG.md.

@@ -4,6 +4,7 @@
 A client and a server of the product talk through a relay here, which makes a capture of what they
 say; a connection written by hand adds what they never send. Exits with 77 where tshark is missing.
 """
+import io
 import pathlib
 import shutil
 import socket
@@ -14,8 +15,7 @@ import tempfile
 import threading
 import time
 
-sys.dont_write_bytecode = True
-import peer  # noqa: E402
+import peer
 
 SEGMENT_LEN = 1000  # cuts heads and chunks anywhere
 PORT = 27123        # of the server, in the capture
@@ -148,7 +148,7 @@ def check_real_exchanges(capture, rows):
     check(rows, reply, msgid="0011", kind=REPLY, text="hello", request_in=request, reply_in="",
           time="%.9f" % capture.seconds(request, reply))
 
-    records = peer.Assembly().take(bytes(capture.sent[1, UP]))
+    records = list(peer.messages_of(io.BytesIO(capture.sent[1, UP]).read))
     for number, message in enumerate(records):
         ends = [number * 20084 + end for end in (8212, 16424, 20084)]  # of the three packets
         up, down = ([capture.frame(1, way, end) for end in ends] for way in (UP, DOWN))

@@ -184,32 +184,6 @@ TEST_F(AsynchronousClient, EveryLossIsReportedOnceAndNoDisconnectIs) {
     }
 }
 
-TEST_F(AsynchronousClient, AServersKickAndStopReachEachClientOnce) {
-    std::optional<EchoServer> server(std::in_place, false, [](Server &host, const Event &event) {
-        event.Text == "kick" ? host.Disconnect(event.Handle) : void();
-        return event.Text == "kick";
-    });
-    const std::string text = Pattern(20000);
-    Client synchronous(TheLibrary());
-    EXPECT_TRUE(synchronous.ClientConnect(server->Port(), "localhost"));
-    EXPECT_EQ(synchronous.SendSynRequestText(text, kPatienceMs).Text, text);
-    std::atomic<int> ends[8] = {};
-    std::vector<std::unique_ptr<Client>> clients;
-    for (std::atomic<int> &count : ends) {
-        auto &client = *clients.emplace_back(std::make_unique<Client>(TheLibrary()));
-        EXPECT_TRUE(client.ClientConnect(server->Port(), kLoopback, [&](HostWord message) {
-            count += client.ClientGetMsgKind(message) == kConnectionClosed;
-        }));
-    }
-    EXPECT_TRUE(clients[0]->SendAsynRequestText("kick"));
-    EXPECT_TRUE(Until([&] { return ends[0] == 1; }));
-    server.reset();
-    EXPECT_TRUE(Until([&] { return std::count(ends, ends + 8, 1) == 8; }));
-    EXPECT_LT(synchronous.SendSynRequestText("x", 200).Result, 1);
-    clients.clear();
-    EXPECT_EQ(std::count(ends, ends + 8, 1), 8);
-}
-
 TEST_F(AsynchronousClient, DisconnectsPromptlyFromAServerThatDoesNotRead) {
     Played client;
     client.Connect();

@@ -171,29 +171,6 @@ TEST_F(SynchronousClient, TakesNothingButTheSoundReplyToItsRequest) {
     EXPECT_LT(m_Client.SendSynRequestText("x", 300).Result, 1);
 }
 
-TEST_F(SynchronousClient, AReplyBrokenOffAnywhereIsNone) {
-    const std::string reply = Message("0011", Pattern(20000));
-    const auto breakOff = [&](size_t cut, bool resets) {
-        Listener listener;
-        Client client(TheLibrary());
-        EXPECT_TRUE(client.ClientConnect(listener.Port(), kLoopback));
-        Peer peer = listener.Accept();
-        auto asked = InBackground([&] { return client.SendSynRequestText("x", 300); });
-        EXPECT_TRUE(peer.Receive());
-        peer.Send(reply.substr(0, cut));
-        resets ? peer.Reset() : peer.Close();
-        EXPECT_LT(asked.get().Result, 1) << cut;
-        EXPECT_LT(client.SendSynRequestText("y", 10).Result, 1);
-    };
-    for (size_t packet = 0; packet < 3; ++packet) {
-        std::vector<std::future<void>> runs;
-        for (size_t i = 0; i < 24; i += kSanitized ? 5 : 1) {
-            const size_t cut = packet * 8212 + (i < 21 ? i : i * 150);
-            runs.push_back(InBackground([=] { breakOff(cut, (cut + packet) % 2 == 0); }));
-        }
-    }
-}
-
 TEST_F(SynchronousClient, APacketBegunIsFinishedBeforeTheNextRequest) {
     Peer peer = Connect();
     const std::string big = Pattern(16 << 20);

@@ -1,6 +1,7 @@
 #include "client/context.h"
 
 #include <cstring>
+#include <utility>
 
 #include "client/connection.h"
 #include "support/heap.h"
@@ -33,26 +34,47 @@ void AwaitConnected(const ClientContext *context) {
     }
 }
 
+static ClientContext *NewClientContext() {
+    auto *context = NewRecord<ClientContext>();
+    if (context != nullptr && InitClient(context) != 1) {
+        UninitClient(context);
+        FreeRecord(std::exchange(context, nullptr));
+    }
+    return context;
+}
+
 // Nobody is inside any more.
 static void DestroyClientContext(void *record) {
     auto *context = static_cast<ClientContext *>(record);
     ReleaseConnection(context);
+    if (context->Spare != nullptr) {
+        UninitClient(context->Spare);
+        FreeRecord(context->Spare);
+    }
     UninitClient(context);
     FreeRecord(context);
 }
 
-ClientContext *CreateClientContext() {
-    auto *context = NewRecord<ClientContext>();
-    if (context == nullptr) {
-        return nullptr;
+static ClientContext *Publish(ClientContext *context) {
+    if (context != nullptr) {
+        PublishObject(&context->Life, context, kClientObject, DestroyClientContext);
     }
-    if (InitClient(context) != 1) {
-        UninitClient(context);
-        FreeRecord(context);
-        return nullptr;
-    }
-    PublishObject(&context->Life, context, kClientObject, DestroyClientContext);
     return context;
+}
+
+ClientContext *CreateClientContext() {
+    return Publish(NewClientContext());
+}
+
+bool KeepSpare(ClientContext *context) {
+    if (context->Spare == nullptr) {
+        context->Spare = NewClientContext();
+    }
+    return context->Spare != nullptr;
+}
+
+ClientContext *TakeSpare(ClientContext *context) {
+    return Publish(std::exchange(context->Spare, nullptr));
 }
 
 // --- requests to send -------------------------------------------------------------------------

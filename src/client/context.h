@@ -111,11 +111,17 @@ struct ClientContext {
     std::atomic<int32_t> State;    // ConnectionState
     std::atomic<int32_t> Released; // 1: a connection attempt is to be given up
     Gate Requests; // sends and synchronous requests are inside; open while connected
+    // For a renewal, which thereby needs no memory. Whoever moves the state on may change it.
+    ClientContext *Spare;
     LiveObject Life;
 };
 
 // A closed client, published; null when memory or locks are exhausted.
 ClientContext *CreateClientContext();
+// Before a connection. False when memory is exhausted.
+bool KeepSpare(ClientContext *context);
+// The spare, published; null when there is none.
+ClientContext *TakeSpare(ClientContext *context);
 
 // Sets the record up: not connected, no lists, first request number to come 11. 1, or 0 when a lock
 // cannot be made.

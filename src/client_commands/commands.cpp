@@ -77,7 +77,7 @@ static bool Disconnect(Client &client) {
 
 // A record in the place of one that still has a thread inside; ids go on where they were.
 static void Renew(Client &client) {
-    ClientContext *fresh = CreateClientContext();
+    ClientContext *fresh = TakeSpare(client.Get());
     if (fresh != nullptr) {
         fresh->LastMsgNum = client->LastMsgNum;
     }
@@ -102,7 +102,7 @@ static bool Connect(Client &client, const HostValue *args) {
     client->RequestMode = isSynchronous ? kSynchronous : kAsynchronous;
     client->ProcessFunc = isSynchronous ? 0 : handler.Word;
     pthread_sigmask(SIG_SETMASK, nullptr, &client->HostMask);
-    return PrepareRoutines() &&
+    return PrepareRoutines() && KeepSpare(client.Get()) &&
            ConnectToServer(client.Get(), static_cast<uint32_t>(args[1].Number), args[2].Text) == 1;
 }
 

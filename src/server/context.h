@@ -75,11 +75,17 @@ struct ServerContext {
     std::atomic<int32_t> Threads;
     // Commands that use the lists and queues are inside; open while started.
     Gate Commands;
+    // For a renewal, which thereby needs no memory. Whoever has LifecycleUse may change it.
+    ServerContext *Spare;
     LiveObject Life;
 };
 
 // A record in the created state, published; null when memory is exhausted.
 ServerContext *CreateServerContext();
+// Before a start. False when memory is exhausted.
+bool KeepSpare(ServerContext *context);
+// The spare, published; null when there is none.
+ServerContext *TakeSpare(ServerContext *context);
 
 // For a library thread, by whoever starts it, and as the thread's last act.
 void HoldForThread(ServerContext *context);

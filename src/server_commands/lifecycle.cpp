@@ -58,7 +58,7 @@ class Turn {
 
 // A record in the place of one that still has a thread inside: same sizes, handler and mode.
 static void Renew(Server &server) {
-    ServerContext *fresh = CreateServerContext();
+    ServerContext *fresh = TakeSpare(server.Get());
     if (fresh != nullptr) {
         fresh->MinThreadNum = server->MinThreadNum.load();
         fresh->MaxThreadNum = server->MaxThreadNum.load();
@@ -105,7 +105,7 @@ NRPC_HOST_ENTRY void fnSetPoolThreadNum(HostValue *result, int32_t, HostValue *a
 static bool Start(Server &server, uint16_t port) {
     ServerContext *context = server.Get();
     pthread_sigmask(SIG_SETMASK, nullptr, &context->HostMask);
-    if (!PrepareRoutines() ||
+    if (!PrepareRoutines() || !KeepSpare(context) ||
         SockInit(context, context->MinThreadNum, context->MaxThreadNum) != 1) {
         return false;
     }

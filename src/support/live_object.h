@@ -80,8 +80,8 @@ class HeldObject {
         return released;
     }
 
-    // Gives the host object another record (null when memory is exhausted: commands then fail) and
-    // releases this one. Nothing is given where the object was released meanwhile.
+    // Gives the host object another record, or null for none, and releases this one. Nothing is
+    // given where the object was released meanwhile.
     void Renew(Context *fresh) {
         if (RetireObject(&m_Context->Life, m_Word, fresh)) {
             DropObject(&m_Context->Life);

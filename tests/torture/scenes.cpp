@@ -1,32 +1,36 @@
 // What a process under torture does with the library, and what must hold whatever fails.
 #include <execinfo.h>
 #include <link.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <deque>
 #include <filesystem>
 #include <map>
 
-#include "hostkit.h"
+#include "system/support.h"
 #include "torture/torture.h"
 
 namespace nrpc::torture {
 
 using namespace hostkit;
+using tests::NowMs;
+using tests::Pattern;
+using tests::TheHeap;
+using tests::TheLibrary;
+using tests::Until;
 
-// The longest that commands may take, and what a crowded machine may add.
-static constexpr int kStopMs = 6000;
-static constexpr int kReplyMs = 2000;
-static constexpr int kBrokenOffMs = 22000; // more, for a reply that ends in the middle
-static constexpr int kSlackMs = 3000;
+// The longest that commands may take, in seconds, and what a crowded machine may add.
+static constexpr double kStop = 6;
+static constexpr double kReply = 2;
+static constexpr double kBrokenOff = 22; // more, for a reply that ends in the middle
+static constexpr double kSlack = 3;
+static constexpr unsigned kHangs = 180;
 
-static Library *s_Library;
-static Heap *s_Heap;
 static std::atomic<bool> s_Exact;  // the fault must not be noticed now
 static std::atomic<bool> s_Obeyed; // requests that order something; late ones are just answered
 static std::atomic<int> s_Fell;
@@ -43,43 +47,21 @@ static void Should(bool holds, const char *what) {
     Must(holds || !s_Exact, what);
 }
 
-static int64_t NowMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-template <typename Condition>
-static bool Until(const Condition &condition, int ms) {
-    for (const int64_t end = NowMs() + ms; !condition(); usleep(5000)) {
-        if (NowMs() >= end) {
-            return false;
-        }
-    }
-    return true;
-}
-
-static std::string Pattern(size_t length, char first) {
-    std::string text(length, first);
-    for (size_t i = 1; i < length; ++i) {
-        text[i] = static_cast<char>('!' + i * i % 89);
-    }
-    return text;
-}
-
 namespace {
 
 // The scope that it lives in ends in time.
 class TimeLimit {
   public:
-    TimeLimit(const char *what, int ms) : m_What(what), m_Limit(ms + kSlackMs) {}
+    TimeLimit(const char *what, double seconds) : m_What(what), m_Limit(seconds + kSlack) {}
     ~TimeLimit() {
-        const int64_t took = NowMs() - m_Begin;
-        Must(took <= m_Limit, std::string(m_What) + " took " + std::to_string(took) + " ms");
+        const double took = static_cast<double>(NowMs() - m_Begin) / 1000;
+        Must(took <= m_Limit, std::string(m_What) + " took " + std::to_string(took) + " s");
     }
 
   private:
     const char *m_What;
-    const int64_t m_Limit, m_Begin = NowMs();
+    const double m_Limit;
+    const int64_t m_Begin = NowMs();
 };
 
 // --- the actors -------------------------------------------------------------------------------
@@ -90,17 +72,23 @@ class Renewable {
   public:
     Kind &Get() {
         const std::lock_guard guard(m_Lock);
-        return m_All.empty() ? m_All.emplace_back(*s_Library) : m_All.back();
+        return m_All.empty() ? m_All.emplace_back(TheLibrary()) : m_All.back();
     }
     void Renew() {
         const std::lock_guard guard(m_Lock);
-        m_All.emplace_back(*s_Library);
+        m_All.emplace_back(TheLibrary());
+        m_Made = false;
     }
     void RenewIfUnmade() {
-        Get().Members().back() == 0 ? Renew() : void(); // its record
+        if (Get().Members().back() != 0) { // its record
+            m_Made = true;
+            return;
+        }
+        Must(!m_Made, "an object has lost its record");
+        Renew();
     }
     void ReleaseAll() {
-        const TimeLimit limit("release", kStopMs);
+        const TimeLimit limit("release", kStop);
         for (Kind &object : m_All) {
             object.Release();
         }
@@ -109,6 +97,7 @@ class Renewable {
   private:
     std::mutex m_Lock;
     std::deque<Kind> m_All;
+    bool m_Made = false;
 };
 
 // Answers requests with their content, or does what they say.
@@ -121,7 +110,7 @@ class EchoServer {
         m_Server.RenewIfUnmade();
         Object().SetPoolThreadNum(2, 5);
         for (int attempt = 0; attempt < 3 && !m_Runs; ++attempt) { // others look for ports, too
-            const TimeLimit limit("start", kStopMs);
+            const TimeLimit limit("start", kStop);
             m_Port = FreePort();
             m_Runs = Object().StartServer(
                 m_Port, [this](HostWord message) { Handle(message); }, m_Serial);
@@ -131,7 +120,7 @@ class EchoServer {
     }
     bool Runs() const { return m_Runs; }
     void Stop() {
-        const TimeLimit limit("stop", kStopMs);
+        const TimeLimit limit("stop", kStop);
         Object().StopServer();
         m_Runs = false;
     }
@@ -153,11 +142,11 @@ class EchoServer {
     }
     // The server's own end inside its handler, if the request for it comes in time.
     void AwaitEndInside() {
-        Should(Until([this] { return m_Endings > 0; }, kReplyMs), "end not asked for");
+        Should(Until([this] { return m_Endings > 0; }, kReply), "end not asked for");
         SettleEndInside();
     }
     void SettleEndInside() {
-        Must(Until([this] { return m_Ended == m_Endings; }, kStopMs + kSlackMs), "endless end");
+        Must(Until([this] { return m_Ended == m_Endings; }, kStop + kSlack), "endless end");
     }
 
   private:
@@ -204,26 +193,26 @@ class Caller {
   public:
     virtual ~Caller() = default;
     Client &Object() { return m_Client.Get(); }
-    virtual bool IsAnswered(const std::string &text, int ms) = 0;
+    virtual bool IsAnswered(const std::string &text, double seconds) = 0;
     bool Connect(const EchoServer &server, const char *address = "127.0.0.1") {
         m_Client.RenewIfUnmade();
         m_Port = server.Port();
         // A moment is allowed for: the call that tells of an end is part of the old connection.
-        const bool works = Until([&] { return TryToConnect(m_Port, address); }, kReplyMs / 4);
+        const bool works = Until([&] { return TryToConnect(m_Port, address); }, kReply / 4);
         Should(works, "client not connected");
         return works;
     }
     void Disconnect() {
-        const TimeLimit limit("disconnect", kStopMs);
+        const TimeLimit limit("disconnect", kStop);
         Object().ClientdisConnect();
     }
     void Release() { m_Client.ReleaseAll(); }
     // Is answered at once, at most over a new connection.
     void ExpectService(const EchoServer &server) {
-        if (m_Port != server.Port() || !IsAnswered("probe", kReplyMs / 2)) {
+        if (m_Port != server.Port() || !IsAnswered("probe", kReply / 2)) {
             Disconnect();
             Must(Connect(server), "no new connection");
-            Must(IsAnswered("probe anew", 2 * kReplyMs), "no reply over a new connection");
+            Must(IsAnswered("probe anew", 2 * kReply), "no reply over a new connection");
         }
     }
 
@@ -237,24 +226,25 @@ class Caller {
 
 class SynCaller : public Caller {
   public:
-    bool IsAnswered(const std::string &text, int ms) override {
-        const TimeLimit limit("request", ms + kBrokenOffMs);
-        const TextReply reply = Object().SendSynRequestText(text, ms);
+    bool IsAnswered(const std::string &text, double seconds) override {
+        const TimeLimit limit("request", seconds + kBrokenOff);
+        const TextReply reply = Object().SendSynRequestText(text, static_cast<int>(seconds * 1000));
         Must(reply.Result != 1 || reply.Text == text, "another reply: " + reply.Text);
         Must(reply.Result >= -1 && reply.Result <= 1, "odd result of a request");
         return reply.Result == 1;
     }
     void ExpectEcho(const std::string &text) {
-        Should(IsAnswered(text, kReplyMs), "no reply");
-        const TimeLimit limit("request of bytes", kReplyMs + kBrokenOffMs);
-        const BinReply reply = Object().SendSynRequestBin(BytesOf(text), kReplyMs);
+        Should(IsAnswered(text, kReply), "no reply");
+        const TimeLimit limit("request of bytes", kReply + kBrokenOff);
+        const BinReply reply =
+            Object().SendSynRequestBin(BytesOf(text), static_cast<int>(kReply * 1000));
         Should(reply.Result == 1, "no reply to bytes");
         Must(reply.Result != 1 || std::ranges::equal(reply.Content, BytesOf(text)), "other bytes");
     }
 
   private:
     bool TryToConnect(int32_t port, const char *address) override {
-        const TimeLimit limit("connect", kReplyMs);
+        const TimeLimit limit("connect", kReply);
         return Object().ClientConnect(port, address);
     }
 };
@@ -268,22 +258,22 @@ class AsynCaller : public Caller {
         }
         Should(Object().SendAsynRequestText(text), "asynchronous request refused");
     }
-    bool GetsReply(const std::string &text, int ms) {
+    bool GetsReply(const std::string &text, double seconds) {
         const auto isThere = [&] {
             const std::lock_guard guard(m_Lock);
             return m_Open[text] == 0;
         };
-        return Until(isThere, ms);
+        return Until(isThere, seconds);
     }
-    bool IsAnswered(const std::string &text, int ms) override {
+    bool IsAnswered(const std::string &text, double seconds) override {
         Send(text);
-        return GetsReply(text, ms);
+        return GetsReply(text, seconds);
     }
     void ExpectReply(const std::string &text) {
-        Should(GetsReply(text, s_Exact ? 3 * kReplyMs : kReplyMs / 4), "a reply is missing");
+        Should(GetsReply(text, s_Exact ? 3 * kReply : kReply / 4), "a reply is missing");
     }
     void Expect(const std::atomic<int> &count, int least) {
-        Should(Until([&] { return count >= least; }, kReplyMs), "an event is missing");
+        Should(Until([&] { return count >= least; }, kReply), "an event is missing");
     }
     std::atomic<int> Ends = 0, Pushes = 0, Left = 0;
 
@@ -291,7 +281,7 @@ class AsynCaller : public Caller {
     bool TryToConnect(int32_t port, const char *address) override {
         Client &client = Object();
         auto ends = std::make_shared<std::atomic<int>>(0);
-        const TimeLimit limit("connect", kReplyMs);
+        const TimeLimit limit("connect", kReply);
         return client.ClientConnect(port, address, [this, port, &client, ends](HostWord message) {
             if (client.ClientGetMsgKind(message) == kConnectionClosed) {
                 Must(++*ends == 1, "an end was reported twice");
@@ -341,12 +331,12 @@ void ActLife(Stage &on) {
     on.Syn[0].Connect(on.Serving, "localhost");
     on.Syn[1].Connect(on.Serving);
     on.Syn[0].ExpectEcho("short");
-    on.Syn[0].ExpectEcho(Pattern(20000, 'a'));
-    on.Syn[1].ExpectEcho(Pattern(30001, 'b'));
+    on.Syn[0].ExpectEcho(Pattern(20000));
+    on.Syn[1].ExpectEcho(Pattern(30001));
     Must(!on.Syn[2].Object().ClientConnect(on.Serving.Port(), std::string(300, '.')), "no name");
-    on.Syn[0].IsAnswered("hold", 100);
+    on.Syn[0].IsAnswered("hold", 0.1);
     on.Serving.Push("push");
-    on.Syn[1].IsAnswered("kick", 300);
+    on.Syn[1].IsAnswered("kick", 0.3);
     on.Syn[0].ExpectEcho("after");
 }
 
@@ -364,12 +354,12 @@ void ActBursts(Stage &on) {
     for (const char *text : {"slow0", "slow1", "slow2", "slow3", "slow4", "slow5"}) {
         on.Asyn[0].Send(text);
     }
-    on.Asyn[1].Send(Pattern(20000, 'c'));
+    on.Asyn[1].Send(Pattern(20000));
     for (const char *text : {"slow0", "slow1", "slow2", "slow3", "slow4", "slow5"}) {
         on.Asyn[0].ExpectReply(text);
     }
-    on.Asyn[1].ExpectReply(Pattern(20000, 'c'));
-    on.Serving.Push("push" + Pattern(20000, 'd'));
+    on.Asyn[1].ExpectReply(Pattern(20000));
+    on.Serving.Push("push" + Pattern(20000));
     on.Asyn[0].Expect(on.Asyn[0].Pushes, 1);
     on.Asyn[1].Expect(on.Asyn[1].Pushes, 1);
     on.Asyn[0].Send("kick");
@@ -380,7 +370,7 @@ void ActBursts(Stage &on) {
 }
 
 void EndBursts(Stage &on) {
-    on.Asyn[1].Send(Pattern(9000, 'e'));
+    on.Asyn[1].Send(Pattern(9000));
     on.Serving.Stop();
     on.Asyn[0].Expect(on.Asyn[0].Ends, 2);
     on.Asyn[1].Disconnect();
@@ -400,8 +390,8 @@ void ActInside(Stage &on) {
     on.Asyn[0].ExpectReply("back");
     on.Syn[0].Connect(on.Serving);
     on.Syn[1].Connect(on.Other);
-    on.Syn[0].IsAnswered("stop", 200);
-    on.Syn[1].IsAnswered("release", 200);
+    on.Syn[0].IsAnswered("stop", 0.2);
+    on.Syn[1].IsAnswered("release", 0.2);
     on.Serving.AwaitEndInside();
     on.Other.AwaitEndInside();
     on.Serving.Start();
@@ -411,7 +401,7 @@ void ActInside(Stage &on) {
 }
 
 void EndInside(Stage &on) {
-    on.Syn[0].IsAnswered("stay", 200);
+    on.Syn[0].IsAnswered("stay", 0.2);
     on.Serving.Stop();
 }
 
@@ -437,10 +427,10 @@ std::vector<std::string> SceneNames() {
 
 static void ArmFault(bool on, const Fault *fault) {
     const bool failsHost = fault != nullptr && fault->Where.Call == "host";
-    const uint64_t done = s_Heap->CallCounts().Alloc;
-    s_Heap->StopFailing();
+    const uint64_t done = TheHeap().CallCounts().Alloc;
+    TheHeap().StopFailing();
     if (on && failsHost && (fault->ForEver || done < fault->Nth)) {
-        s_Heap->FailAllocation(done < fault->Nth ? fault->Nth - done : 1, fault->ForEver);
+        TheHeap().FailAllocation(done < fault->Nth ? fault->Nth - done : 1, fault->ForEver);
     }
     s_Obeyed = on;
     Arm(on);
@@ -456,7 +446,7 @@ static void ExpectService(Stage &on, const char *when) {
         caller->ExpectService(on.Serving);
     }
     const auto isAll = [&] { return on.Serving.Object().GetClientCount() == 5; };
-    Must(Until(isAll, kReplyMs), std::string("clients counted that are none ") + when);
+    Must(Until(isAll, kReply), std::string("clients counted that are none ") + when);
     s_Exact = exact;
 }
 
@@ -465,15 +455,15 @@ static ptrdiff_t ThreadCount() {
 }
 
 static void ExpectNothingLeft() {
-    Until([] { return ThreadCount() == 1 && Outstanding().empty(); }, kStopMs);
+    Until([] { return ThreadCount() == 1 && Outstanding().empty(); }, kStop);
     Must(ThreadCount() == 1, std::to_string(ThreadCount() - 1) + " threads left");
     for (const auto &lines : {Outstanding(), Misdeeds()}) {
         std::ranges::for_each(lines, [](const std::string &line) { Must(false, line); });
     }
-    for (const Heap::Violation &violation : s_Heap->Violations()) {
+    for (const Heap::Violation &violation : TheHeap().Violations()) {
         Must(false, ToText(violation));
     }
-    Must(s_Heap->LiveBlockCount() == 0, "host values left");
+    Must(TheHeap().LiveBlockCount() == 0, "host values left");
 }
 
 static void ExpectNoSpin(double wallSeconds) {
@@ -493,22 +483,30 @@ static int WatchLibrary(dl_phdr_info *object, size_t, void *fault) {
     return isIt ? 1 : 0;
 }
 
+// Also for the signal of a process that hangs: then with the stacks of its threads.
 static void OnCrash(int signal) {
     void *frames[40];
     dprintf(STDOUT_FILENO, "fell: signal %d\n", signal);
     backtrace_symbols_fd(frames, backtrace(frames, 40), STDOUT_FILENO);
-    _exit(1);
+    char command[128];
+    snprintf(command, sizeof(command),
+             "timeout 20 gdb -p %d -batch -ex 'thread apply all bt 14' "
+             "2>/dev/null | grep -E '^(Thread|#)'",
+             getpid());
+    const int done = signal == SIGALRM ? system(command) : 0;
+    _exit(done == 0 ? 1 : 2);
 }
 
 void PlayScene(const std::string &name, Fault *fault, bool exact) {
-    for (const int number : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
+    for (const int number : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGALRM}) {
         signal(number, OnCrash);
     }
     signal(SIGPIPE, SIG_DFL);
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); // for the debugger
+    alarm(kHangs);
     const int64_t begin = NowMs();
-    s_Heap = new Heap;
-    s_Heap->SetPoison(true);
-    s_Library = new Library(NRPC_LIBRARY, *s_Heap);
+    TheHeap().SetPoison(true);
+    TheLibrary();
     dl_iterate_phdr(WatchLibrary, fault);
     const auto scene = std::ranges::find(s_Scenes, name, [](const auto &one) { return one.Name; });
     s_Exact = exact;
@@ -531,7 +529,7 @@ void PlayScene(const std::string &name, Fault *fault, bool exact) {
     ExpectNothingLeft();
     ExpectNoSpin(static_cast<double>(NowMs() - begin) / 1000);
     PrintHits();
-    const uint64_t hostCalls = s_Heap->CallCounts().Alloc;
+    const uint64_t hostCalls = TheHeap().CallCounts().Alloc;
     const bool hostFired =
         fault != nullptr && fault->Where.Call == "host" && hostCalls >= fault->Nth;
     printf("hit host 0 any %u\nfired %u\n", static_cast<unsigned>(hostCalls),

@@ -8,7 +8,6 @@
 #include "check.h"
 #include "support/byte_buffer.h"
 #include "support/text_string.h"
-#include "support/word_array.h"
 
 using namespace nrpc;
 
@@ -213,65 +212,8 @@ static void CheckStrings(Choices choices) {
     }
 }
 
-// --- arrays -----------------------------------------------------------------------------------
-
-static void CheckArrays(Choices choices) {
-    constexpr int32_t kTooMany = kMaxMemSize / int32_t{sizeof(ArrayWord)} + 1;
-    Owned<CDWordArray> array;
-    std::vector<ArrayWord> model;
-    while (choices.At < choices.End) {
-        const auto size = static_cast<int32_t>(model.size());
-        const ArrayWord value = UINTPTR_MAX / 3 * static_cast<ArrayWord>(choices.Pick(0, 3));
-        const int32_t index = choices.PickNumber(-2, size, kTooMany);
-        const int32_t count = choices.PickNumber(-2, size, kTooMany);
-        const bool isIndex = index >= 0 && index <= size;
-        const bool isCount = count >= 0 && count <= size;
-        const auto at = model.begin() + (isIndex ? index : size);
-        int32_t result = 1;
-        bool wanted = true;
-        Do(
-            choices.Pick(0, 7),
-            [&] { result = CDWordArray_Add(&array, value), model.push_back(value); },
-            [&] {
-                result = CDWordArray_InsertAt(&array, index, value), wanted = isIndex;
-                model.insert(at, isIndex ? 1 : 0, value);
-            },
-            [&] {
-                result = CDWordArray_RemoveAt(&array, index, count);
-                wanted = isIndex && isCount && (index < size || count == 0);
-                model.erase(at, wanted ? at + std::min(count, size - index) : at);
-            },
-            [&] {
-                result = CDWordArray_SetSize(&array, count), wanted = isCount && count > 0;
-                model.resize(static_cast<size_t>(isCount ? count : size));
-            },
-            [&] { CDWordArray_RemoveAll(&array), model.clear(); },
-            [&] { result = CDWordArray_Copy(&array, &array); },
-            [&] {
-                if (size < 1000) { // it doubles
-                    CHECK(CDWordArray_Append(&array, &array) == size);
-                    model.resize(model.size() * 2);
-                    std::copy_n(model.begin(), size, model.begin() + size);
-                }
-            },
-            [&] {
-                if (isIndex && index < size) {
-                    CDWordArray_SetAt(&array, index, value), *at = value;
-                }
-            });
-        CHECK(result == (wanted ? 1 : 0));
-        CHECK(CDWordArray_GetUpperBound(&array) + 1 == static_cast<int32_t>(model.size()));
-        for (int32_t each = 0; each <= CDWordArray_GetUpperBound(&array); ++each) {
-            CHECK(CDWordArray_GetAt(&array, each) == model[static_cast<size_t>(each)]);
-        }
-        const auto found = std::find(model.begin(), model.end(), value);
-        CHECK(CDWordArray_Find(&array, value) ==
-              (found == model.end() ? -1 : found - model.begin()));
-    }
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static constexpr void (*kKinds[])(Choices) = {CheckBuffers, CheckStrings, CheckArrays};
+    static constexpr void (*kKinds[])(Choices) = {CheckBuffers, CheckStrings};
     if (size > 0) {
         kKinds[data[0] % std::size(kKinds)]({data + 1, data + size});
         CHECK(_m_membuf.UsedCount == 0 && FindByte(_m_membuf.InUse, kPoolSlotCount, 1) == -1);

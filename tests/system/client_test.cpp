@@ -188,23 +188,6 @@ TEST_F(SynchronousClient, APacketBegunIsFinishedBeforeTheNextRequest) {
     EXPECT_EQ(asked.get().Text, "reply");
 }
 
-TEST_F(SynchronousClient, RequestsOfManyThreadsRunOneAfterTheOther) {
-    Peer peer = Connect();
-    std::vector<std::future<bool>> asked;
-    for (int i = 0; i < 12; ++i) {
-        asked.push_back(InBackground([this, text = std::to_string(i)] {
-            return m_Client.SendSynRequestText(text, kPatienceMs).Text == text;
-        }));
-    }
-    for (int i = 0; i < 12; ++i) {
-        const Arrived request = peer.Receive().value_or(Arrived{});
-        EXPECT_EQ(request.Id, IdOf(11 + i));
-        EXPECT_EQ(peer.Read(1, 0.03), ""); // nobody else writes before the reply
-        peer.Send(Message(request.Id, request.Payload));
-    }
-    EXPECT_TRUE(std::all_of(asked.begin(), asked.end(), [](auto &each) { return each.get(); }));
-}
-
 TEST_F(SynchronousClient, ConnectsToSoundAddressesOnly) {
     const int32_t port = m_Listener.Port();
     const std::string longName(70, 'a'); // no resolver is asked for such a name

@@ -54,11 +54,15 @@ class StormyClient {
             break;
         default:
             m_Tally.Asked += client.SendAsynRequestText(NewRequest(dice));
+            const std::string request = NewRequest(dice);
             // Now and then with enough time for a machine that has much else to do.
             const int32_t timeoutMs = dice.Roll(4) == 0 ? 3000 : 400;
-            const TextReply reply = client.SendSynRequestText(NewRequest(dice), timeoutMs);
+            const TextReply reply = client.SendSynRequestText(request, timeoutMs);
             m_Tally.Asked += reply.Result >= 0;
-            reply.Result == 1 ? Take(reply.Text) : void();
+            if (reply.Result == 1) {
+                EXPECT_EQ(reply.Text, request);
+                Take(reply.Text);
+            }
         }
     }
     void ReleaseAll() {

@@ -15,16 +15,12 @@ cd "$copy" || exit 2
 cmake --preset asan >/dev/null || exit 2
 
 build() {
-    cmake --build --preset asan --target nrpc_room_tests nrpc_system_tests >build/log 2>&1
+    cmake --build --preset asan >build/log 2>&1
 }
 
 # Ends at the first test that fails.
 passes() {
-    local suite
-    for suite in room system; do
-        timeout 300 "build/asan/tests/nrpc_${suite}_tests" --gtest_brief=1 --gtest_fail_fast \
-            --gtest_filter="$1" >>build/log 2>&1 || return 1
-    done
+    ctest --test-dir build/asan --tests-regex "$1" --stop-on-failure >>build/log 2>&1
 }
 
 for patch in "${patches[@]}"; do
@@ -39,8 +35,8 @@ for patch in "${patches[@]}"; do
         printf 'SURVIVED  %s\n' "$name"
         survivors=$((survivors + 1))
     else
-        by=$(sed -n 's/^\[  FAILED  \] \([A-Za-z/.0-9]*\).*/\1/p' build/log | head -n 1)
-        printf 'caught    %s by %s\n' "$name" "${by:-the end of the process}"
+        by=$(sed -n 's/.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/\1/p' build/log | head -n 1)
+        printf 'caught    %s by %s\n' "$name" "${by:?nothing was run}"
     fi
     patch -p1 --silent --reverse <"$patch"
 done

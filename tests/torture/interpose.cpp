@@ -11,7 +11,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -27,7 +26,6 @@ namespace nrpc::torture {
 static constexpr size_t kGuardLen = 16;
 static constexpr uint8_t kGuardByte = 0xA7;
 static constexpr uint8_t kFreedByte = 0xDB;
-static constexpr size_t kKeptBlocks = 2000;
 static constexpr useconds_t kHoldUs = 700000;
 
 namespace {
@@ -35,6 +33,7 @@ namespace {
 struct Block {
     size_t Size;
     uint32_t TakenAt;
+    bool Freed; // kept back for ever
 };
 
 struct Books {
@@ -42,24 +41,29 @@ struct Books {
     std::optional<Fault> Plan;
     std::map<Place, unsigned> Hits;
     std::map<uint8_t *, Block> Blocks;
-    std::deque<std::pair<uint8_t *, Block>> Freed; // oldest in front
-    std::map<int, uint32_t> Descriptors;           // and where they were opened
+    std::map<int, uint32_t> Descriptors; // and where they were opened
     std::vector<std::string> Misdeeds;
 };
 
+// The books, locked while it lives. They are never destroyed: threads of the library may outlive
+// everything. What they allocate themselves is none of the library's business.
+class OpenBooks {
+  public:
+    Books *operator->() const { return &TheBooks(); }
+
+  private:
+    static Books &TheBooks() {
+        static auto *s_Books = new Books;
+        return *s_Books;
+    }
+    const std::lock_guard<std::mutex> m_Guard{TheBooks().Lock};
+};
+
 std::atomic<uintptr_t> s_Begin, s_End;
-std::atomic<bool> s_Armed, s_Hurried;
-std::atomic<unsigned> s_Fired;
+std::atomic<bool> s_Armed, s_Hurried, s_Fired;
 thread_local char t_Thread[16] = "host";
 
 } // namespace
-
-// Never destroyed: threads of the library may outlive everything. What it allocates itself is none
-// of the library's business.
-static Books &TheBooks() {
-    static auto *s_Books = new Books;
-    return *s_Books;
-}
 
 static bool IsWatched(const void *site) {
     return reinterpret_cast<uintptr_t>(site) - s_Begin < s_End - s_Begin;
@@ -81,22 +85,29 @@ static int Verdict(const char *call, const void *site) {
     if (!s_Armed) {
         return kAsUsual;
     }
-    Books &books = TheBooks();
-    std::unique_lock guard(books.Lock);
-    const Place place = {call, OffsetOf(site), t_Thread};
-    const unsigned count = ++books.Hits[place];
-    const std::optional<Fault> &plan = books.Plan;
-    if (!plan || plan->Where != place || count < plan->Nth ||
-        (count > plan->Nth && !plan->ForEver)) {
-        return kAsUsual;
+    int outcome = kAsUsual;
+    {
+        const OpenBooks books;
+        const Place place = {call, OffsetOf(site), t_Thread};
+        const unsigned count = ++books->Hits[place];
+        const std::optional<Fault> &plan = books->Plan;
+        if (plan && plan->Where == place &&
+            (count == plan->Nth || (count > plan->Nth && plan->ForEver))) {
+            outcome = plan->Outcome;
+            s_Fired = true;
+        }
     }
-    const int outcome = plan->Outcome;
-    guard.unlock();
-    ++s_Fired;
     if (outcome == kHeldUp) {
         usleep(kHoldUs);
+        return kAsUsual;
     }
-    return outcome == kHeldUp ? static_cast<int>(kAsUsual) : outcome;
+    return outcome;
+}
+
+// Whether it fails; errno is set then.
+static bool Fails(int error) {
+    errno = error != kAsUsual ? error : errno;
+    return error != kAsUsual;
 }
 
 // --- the book of blocks -----------------------------------------------------------------------
@@ -115,65 +126,42 @@ static void *Take(const char *call, size_t size, const void *site) {
         return nullptr;
     }
     std::memset(block + size, kGuardByte, kGuardLen);
-    Books &books = TheBooks();
-    const std::lock_guard guard(books.Lock);
-    books.Blocks[block] = {size, OffsetOf(site)};
+    OpenBooks()->Blocks[block] = {size, OffsetOf(site), false};
     return block;
 }
 
-static void LookThrough(Books &books, const uint8_t *address, const Block &freed) {
-    if (!HoldsOnly(address, freed.Size, kFreedByte)) {
-        books.Misdeeds.push_back(Line("write after free, size", freed.Size, freed.TakenAt));
-    }
-}
-
 static void Release(void *block, const void *site) {
-    Books &books = TheBooks();
-    const std::lock_guard guard(books.Lock);
-    const auto found = books.Blocks.find(static_cast<uint8_t *>(block));
-    if (found == books.Blocks.end()) {
-        books.Misdeeds.push_back(Line("free of a block not its own", 0, OffsetOf(site)));
+    const OpenBooks books;
+    const auto found = books->Blocks.find(static_cast<uint8_t *>(block));
+    if (found == books->Blocks.end() || found->second.Freed) {
+        books->Misdeeds.push_back(Line("free of a block not its own", 0, OffsetOf(site)));
         return;
     }
-    const auto [address, entry] = *found;
-    books.Blocks.erase(found);
-    if (!HoldsOnly(address + entry.Size, kGuardLen, kGuardByte)) {
-        books.Misdeeds.push_back(Line("write behind a block, size", entry.Size, entry.TakenAt));
-    }
-    std::memset(block, kFreedByte, entry.Size);
-    books.Freed.emplace_back(address, entry);
-    if (books.Freed.size() > kKeptBlocks) {
-        LookThrough(books, books.Freed.front().first, books.Freed.front().second);
-        __libc_free(books.Freed.front().first);
-        books.Freed.pop_front();
-    }
+    found->second.Freed = true;
+    std::memset(block, kFreedByte, found->second.Size);
 }
 
 static size_t SizeOf(void *block) {
-    Books &books = TheBooks();
-    const std::lock_guard guard(books.Lock);
-    const auto found = books.Blocks.find(static_cast<uint8_t *>(block));
-    return found == books.Blocks.end() ? 0 : found->second.Size;
+    const OpenBooks books;
+    const auto found = books->Blocks.find(static_cast<uint8_t *>(block));
+    return found == books->Blocks.end() ? 0 : found->second.Size;
 }
 
 // --- the book of descriptors ------------------------------------------------------------------
 
 static int Opened(int descriptor, const void *site) {
     if (descriptor >= 0) {
-        Books &books = TheBooks();
-        const std::lock_guard guard(books.Lock);
-        books.Descriptors[descriptor] = OffsetOf(site);
+        OpenBooks()->Descriptors[descriptor] = OffsetOf(site);
     }
     return descriptor;
 }
 
 static int OnDescriptor(const char *call, int descriptor, const void *site) {
     {
-        Books &books = TheBooks();
-        const std::lock_guard guard(books.Lock);
-        if (!books.Descriptors.contains(descriptor)) {
+        const OpenBooks books;
+        if (!books->Descriptors.contains(descriptor)) {
             const std::string what = std::string(call) + " on a descriptor not its own:";
-            books.Misdeeds.push_back(Line(what.c_str(), descriptor, OffsetOf(site)));
+            books->Misdeeds.push_back(Line(what.c_str(), descriptor, OffsetOf(site)));
         }
     }
     return Verdict(call, site);
@@ -183,7 +171,7 @@ static int OnDescriptor(const char *call, int descriptor, const void *site) {
 
 void Watch(uintptr_t begin, uintptr_t end, const Fault *fault) {
     if (fault != nullptr) {
-        TheBooks().Plan = *fault;
+        OpenBooks()->Plan = *fault;
     }
     s_Begin = begin;
     s_End = end;
@@ -197,38 +185,38 @@ void Hurry() {
     s_Hurried = true;
 }
 
-void PrintHits() {
-    Books &books = TheBooks();
-    const std::lock_guard guard(books.Lock);
-    for (const auto &[place, count] : books.Hits) {
-        printf("hit %s %x %s %u\n", place.Call.c_str(), place.Offset, place.Thread.c_str(), count);
-    }
+std::map<Place, unsigned> Hits() {
+    return OpenBooks()->Hits;
 }
 
-unsigned FiredCount() {
+bool HasFired() {
     return s_Fired;
 }
 
 std::vector<std::string> Outstanding() {
-    Books &books = TheBooks();
-    const std::lock_guard guard(books.Lock);
+    const OpenBooks books;
     std::vector<std::string> lines;
-    for (const auto &[address, block] : books.Blocks) {
-        lines.push_back(Line("block left, size", block.Size, block.TakenAt));
+    for (const auto &[address, block] : books->Blocks) {
+        block.Freed ? void() : lines.push_back(Line("block left, size", block.Size, block.TakenAt));
     }
-    for (const auto &[descriptor, openedAt] : books.Descriptors) {
+    for (const auto &[descriptor, openedAt] : books->Descriptors) {
         lines.push_back(Line("descriptor left:", descriptor, openedAt));
     }
     return lines;
 }
 
 std::vector<std::string> Misdeeds() {
-    Books &books = TheBooks();
-    const std::lock_guard guard(books.Lock);
-    for (const auto &[address, block] : books.Freed) {
-        LookThrough(books, address, block);
+    const OpenBooks books;
+    for (const auto &[address, block] : books->Blocks) {
+        if (block.Freed && !HoldsOnly(address, block.Size, kFreedByte)) {
+            books->Misdeeds.push_back(Line("write after free, size", block.Size, block.TakenAt));
+        }
+        if (!HoldsOnly(address + block.Size, kGuardLen, kGuardByte)) {
+            books->Misdeeds.push_back(
+                Line("write behind a block, size", block.Size, block.TakenAt));
+        }
     }
-    return books.Misdeeds;
+    return books->Misdeeds;
 }
 
 } // namespace nrpc::torture
@@ -253,19 +241,21 @@ using namespace nrpc::torture;
     }
 #define ON_DESCRIPTOR(name, parameters, arguments)                                                 \
     int name parameters {                                                                          \
-        const int error = IsWatched(SITE) ? OnDescriptor(#name, descriptor, SITE) : 0;             \
-        errno = error != 0 ? error : errno;                                                        \
-        return error != 0 ? -1 : NEXT(name) arguments;                                             \
+        return IsWatched(SITE) && Fails(OnDescriptor(#name, descriptor, SITE)) ? -1                \
+                                                                               : NEXT(name)        \
+                                                                                     arguments;    \
     }
 // Calls that move bytes.
 #define MOVES_BYTES(name, type)                                                                    \
     ssize_t name(int descriptor, type bytes, size_t len, int flags) {                              \
         const int outcome = IsWatched(SITE) ? OnDescriptor(#name, descriptor, SITE) : 0;           \
-        errno = outcome > 0 ? outcome : errno;                                                     \
-        if (outcome > 0 || outcome == kEndOfStream) {                                              \
-            return outcome > 0 ? -1 : 0;                                                           \
+        if (outcome == kEndOfStream) {                                                             \
+            return 0;                                                                              \
         }                                                                                          \
-        return NEXT(name)(descriptor, bytes, outcome == kOneByte && len > 0 ? 1 : len, flags);     \
+        return outcome > 0 && Fails(outcome)                                                       \
+                   ? -1                                                                            \
+                   : NEXT(name)(descriptor, bytes, outcome == kOneByte && len > 0 ? 1 : len,       \
+                                flags);                                                            \
     }
 
 #pragma GCC visibility push(default)
@@ -352,9 +342,7 @@ int socket(int domain, int type, int protocol) noexcept {
     if (!IsWatched(SITE)) {
         return NEXT(socket)(domain, type, protocol);
     }
-    const int error = Verdict("socket", SITE);
-    errno = error != 0 ? error : errno;
-    return error != 0 ? -1 : Opened(NEXT(socket)(domain, type, protocol), SITE);
+    return Fails(Verdict("socket", SITE)) ? -1 : Opened(NEXT(socket)(domain, type, protocol), SITE);
 }
 
 // A missing descriptor is noticed before anybody connects, an aborted connection takes one.
@@ -377,18 +365,15 @@ int fcntl(int descriptor, int command, ...) {
     void *argument = va_arg(list, void *);
     va_end(list);
     const bool isWatched = IsWatched(SITE);
-    const int error = isWatched ? OnDescriptor("fcntl", descriptor, SITE) : 0;
-    errno = error != 0 ? error : errno;
-    const int result = error != 0 ? -1 : NEXT(fcntl)(descriptor, command, argument);
+    const bool fails = isWatched && Fails(OnDescriptor("fcntl", descriptor, SITE));
+    const int result = fails ? -1 : NEXT(fcntl)(descriptor, command, argument);
     return isWatched && command == F_DUPFD_CLOEXEC ? Opened(result, SITE) : result;
 }
 
 int close(int descriptor) {
     if (IsWatched(SITE)) {
         OnDescriptor("close", descriptor, SITE);
-        Books &books = TheBooks();
-        const std::lock_guard guard(books.Lock);
-        books.Descriptors.erase(descriptor); // before another thread can get the number
+        OpenBooks()->Descriptors.erase(descriptor); // before another thread can get the number
     }
     return NEXT(close)(descriptor);
 }

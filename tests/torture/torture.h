@@ -11,7 +11,9 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace nrpc::torture {
@@ -24,50 +26,50 @@ enum Outcome : int { kAsUsual = 0, kOneByte = -1, kEndOfStream = -2, kHeldUp = -
 enum Healing { kHurts, kHealsOnce, kHeals };
 
 struct Way {
-    const char *Call;
-    const char *Name; // of the outcome
+    std::string_view Kind; // call and outcome
     int Outcome;
     Healing Heals;
+    std::string_view Call() const { return Kind.substr(0, Kind.find('.')); }
 };
 
 inline constexpr Way kWays[] = {
-    {"malloc", "nomem", ENOMEM, kHurts},
-    {"malloc", "held", kHeldUp, kHurts},
-    {"realloc", "nomem", ENOMEM, kHurts},
-    {"pthread_create", "again", EAGAIN, kHurts},
-    {"pthread_create", "held", kHeldUp, kHurts},
-    {"pthread_attr_init", "nomem", ENOMEM, kHurts},
-    {"pthread_mutex_init", "nomem", ENOMEM, kHurts},
-    {"pthread_setspecific", "nomem", ENOMEM, kHurts},
-    {"send", "reset", ECONNRESET, kHurts},
-    {"send", "nobufs", ENOBUFS, kHurts},
-    {"send", "byte", kOneByte, kHealsOnce},
-    {"send", "block", EAGAIN, kHealsOnce},
-    {"send", "held", kHeldUp, kHurts},
-    {"recv", "reset", ECONNRESET, kHurts},
-    {"recv", "byte", kOneByte, kHealsOnce},
-    {"recv", "end", kEndOfStream, kHurts},
-    {"recv", "block", EAGAIN, kHealsOnce},
-    {"recv", "held", kHeldUp, kHurts},
-    {"poll", "nomem", ENOMEM, kHurts},
-    {"poll", "intr", EINTR, kHeals},
-    {"accept4", "emfile", EMFILE, kHealsOnce},
-    {"accept4", "aborted", ECONNABORTED, kHurts},
-    {"accept4", "held", kHeldUp, kHurts},
-    {"socket", "emfile", EMFILE, kHurts},
-    {"bind", "inuse", EADDRINUSE, kHurts},
-    {"listen", "inuse", EADDRINUSE, kHurts},
-    {"connect", "refused", ECONNREFUSED, kHurts},
-    {"connect", "held", kHeldUp, kHurts},
-    {"fcntl", "emfile", EMFILE, kHeals},
-    {"setsockopt", "nomem", ENOMEM, kHeals},
-    {"getsockopt", "nobufs", ENOBUFS, kHurts},
-    {"getsockname", "nobufs", ENOBUFS, kHurts},
-    {"getpeername", "notconn", ENOTCONN, kHurts},
-    {"getaddrinfo", "again", EAGAIN, kHurts},
-    {"shutdown", "held", kHeldUp, kHurts},
-    {"close", "held", kHeldUp, kHurts},
-    {"host", "nomem", ENOMEM, kHurts}, // the host's own service: its heap does that
+    {"malloc.nomem", ENOMEM, kHurts},
+    {"malloc.held", kHeldUp, kHurts},
+    {"realloc.nomem", ENOMEM, kHurts},
+    {"pthread_create.again", EAGAIN, kHurts},
+    {"pthread_create.held", kHeldUp, kHurts},
+    {"pthread_attr_init.nomem", ENOMEM, kHurts},
+    {"pthread_mutex_init.nomem", ENOMEM, kHurts},
+    {"pthread_setspecific.nomem", ENOMEM, kHurts},
+    {"send.reset", ECONNRESET, kHurts},
+    {"send.nobufs", ENOBUFS, kHurts},
+    {"send.byte", kOneByte, kHealsOnce},
+    {"send.block", EAGAIN, kHealsOnce},
+    {"send.held", kHeldUp, kHurts},
+    {"recv.reset", ECONNRESET, kHurts},
+    {"recv.byte", kOneByte, kHealsOnce},
+    {"recv.end", kEndOfStream, kHurts},
+    {"recv.block", EAGAIN, kHealsOnce},
+    {"recv.held", kHeldUp, kHurts},
+    {"poll.nomem", ENOMEM, kHurts},
+    {"poll.intr", EINTR, kHeals},
+    {"accept4.emfile", EMFILE, kHealsOnce},
+    {"accept4.aborted", ECONNABORTED, kHurts},
+    {"accept4.held", kHeldUp, kHurts},
+    {"socket.emfile", EMFILE, kHurts},
+    {"bind.inuse", EADDRINUSE, kHurts},
+    {"listen.inuse", EADDRINUSE, kHurts},
+    {"connect.refused", ECONNREFUSED, kHurts},
+    {"connect.held", kHeldUp, kHurts},
+    {"fcntl.emfile", EMFILE, kHeals},
+    {"setsockopt.nomem", ENOMEM, kHeals},
+    {"getsockopt.nobufs", ENOBUFS, kHurts},
+    {"getsockname.nobufs", ENOBUFS, kHurts},
+    {"getpeername.notconn", ENOTCONN, kHurts},
+    {"getaddrinfo.again", EAGAIN, kHurts},
+    {"shutdown.held", kHeldUp, kHurts},
+    {"close.held", kHeldUp, kHurts},
+    {"host.nomem", ENOMEM, kHurts}, // the host's own service: its heap does that
 };
 
 struct Place {
@@ -91,9 +93,8 @@ void Watch(uintptr_t begin, uintptr_t end, const Fault *fault);
 void Arm(bool on);
 // From now on the library's pauses of a second and more last a tenth.
 void Hurry();
-// "hit <call> <offset> <thread> <count>" for each place.
-void PrintHits();
-unsigned FiredCount();
+std::map<Place, unsigned> Hits();
+bool HasFired();
 // Blocks and descriptors that the library has not given back, one line each.
 std::vector<std::string> Outstanding();
 // Blocks and descriptors that it used or gave back without having them, writes beside a block.
@@ -101,10 +102,15 @@ std::vector<std::string> Misdeeds();
 
 // --- the scenes -------------------------------------------------------------------------------
 
-std::vector<std::string> SceneNames();
-// Plays it in this process, which ends with it, and prints what came of it: the hits, "fired
-// <count>", and "fell: <why>" for each thing that must not be. With `exact` the fault must not be
+inline constexpr std::string_view kScenes[] = {"life", "bursts", "inside"};
+
+struct Result {
+    bool Holds; // else it has printed "fell: <why>" for each thing that must not be
+    bool Fired;
+    std::map<Place, unsigned> Hits;
+};
+// Plays it in this process, which is to end without clearing up. With `exact` the fault must not be
 // noticeable.
-[[noreturn]] void PlayScene(const std::string &name, Fault *fault, bool exact);
+Result PlayScene(std::string_view name, const Fault *fault, bool exact);
 
 } // namespace nrpc::torture

@@ -30,50 +30,44 @@ class Capture:
     """Bytes of connections, as TCP segments in the order in which they were added."""
 
     def __init__(self):
-        self.sent = {}    # by connection and direction
-        self.frames = []  # (time in microseconds, packet)
-        self._ends = []   # per frame: connection and direction, bytes sent with it
+        self.frames = []  # microseconds, connection, direction, bytes sent before, bytes
         self._lock = threading.Lock()
 
     def add(self, connection, direction, data):
         """Returns the number of the last frame."""
         with self._lock:
-            now = time.time_ns() // 1000
+            now, done = time.time_ns() // 1000, len(self.sent(connection, direction))
             for at in range(0, len(data), SEGMENT_LEN):
-                self._add_segment(now, connection, direction, data[at:at + SEGMENT_LEN])
+                part = data[at:at + SEGMENT_LEN]
+                self.frames.append((now, connection, direction, done + at, part))
             return len(self.frames)
 
-    def _add_segment(self, now, connection, direction, data):
-        up, down = (self.sent.setdefault((connection, way), bytearray()) for way in (UP, DOWN))
-        ends = [(40000 + connection, len(up)), (PORT, len(down))]
-        (source, done), (target, acknowledged) = ends if direction == UP else reversed(ends)
-        packet = struct.pack(">BBHHHBBHII", 0x45, 0, 40 + len(data), 0, 0, 64, 6, 0, 1, 1)
-        packet += struct.pack(">HHIIBBHHH", source, target, 1 + done, 1 + acknowledged, 0x50, 0x18,
-                              9999, 0, 0)
-        self.frames.append((now, packet + data))
-        self.sent[connection, direction] += data
-        self._ends.append((connection, direction, done + len(data)))
+    def sent(self, *way):
+        return b"".join(frame[4] for frame in self.frames if frame[1:3] == way)
 
     def frame(self, connection, direction, end):
         """The number of the frame with the last of the first `end` bytes."""
-        return 1 + next(i for i, (*way, sent) in enumerate(self._ends)
-                        if way == [connection, direction] and sent >= end)
+        return 1 + next(i for i, (_, *way, done, data) in enumerate(self.frames)
+                        if way == [connection, direction] and done + len(data) >= end)
 
     def seconds(self, first, last):
         return (self.frames[last - 1][0] - self.frames[first - 1][0]) / 1e6
 
     def write(self, path):
+        acknowledged = {}
         with open(path, "wb") as out:
             out.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 101))  # raw IPv4
-            for now, packet in self.frames:
-                out.write(struct.pack("<IIII", *divmod(now, 10**6), len(packet), len(packet)))
-                out.write(packet)
+            for now, connection, direction, done, data in self.frames:
+                ports = (40000 + connection, PORT)[::1 if direction == UP else -1]
+                acknowledged[connection, direction] = 1 + done + len(data)
+                out.write(struct.pack("<IIII", *divmod(now, 10**6), *[40 + len(data)] * 2))
+                out.write(struct.pack(">BBHHHBBHII", 0x45, 0, 40 + len(data), 0, 0, 64, 6, 0, 1, 1))
+                out.write(struct.pack(">HHIIBBHHH", *ports, 1 + done, acknowledged.get(
+                    (connection, UP + DOWN - direction), 1), 0x50, 0x18, 9999, 0, 0) + data)
 
 
-def relay(capture, listener, port, connection, hold):
-    """Serves one client; what the server says is passed on after `hold` seconds."""
-    client, server = listener.accept()[0], socket.create_connection(("127.0.0.1", port))
-
+def call_through_relay(capture, host, port, connection, *args, hold=0):
+    """A call of the product; what the server says reaches it after `hold` seconds."""
     def pump(source, target, direction, pause):
         try:
             while data := source.recv(1 << 16):
@@ -83,19 +77,17 @@ def relay(capture, listener, port, connection, hold):
             target.shutdown(socket.SHUT_WR)
         except OSError:
             pass  # one side has gone
-    down = threading.Thread(target=pump, args=(server, client, DOWN, hold))
-    down.start()
-    pump(client, server, UP, 0)
-    down.join()
-
-
-def call_through_relay(capture, host, port, connection, *args, hold=0):
-    listener = socket.create_server(("127.0.0.1", 0))
-    thread = threading.Thread(target=relay, args=(capture, listener, port, connection, hold))
-    thread.start()
-    address = "127.0.0.1:%d" % listener.getsockname()[1]
-    subprocess.run([host, "call", address, *args], capture_output=True, timeout=30)
-    thread.join(30)
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        listener.settimeout(30)
+        address = "127.0.0.1:%d" % listener.getsockname()[1]
+        call = subprocess.Popen([host, "call", address, *args], stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)
+        client, server = listener.accept()[0], socket.create_connection(("127.0.0.1", port))
+        down = threading.Thread(target=pump, args=(server, client, DOWN, hold))
+        down.start()
+        pump(client, server, UP, 0)
+        down.join()
+        call.wait(30)
 
 
 def shown(script, path, *options):
@@ -140,7 +132,7 @@ def real_exchanges(capture, host):
 
 def check_real_exchanges(capture, rows):
     request, reply = (capture.frame(0, way, 45) for way in (UP, DOWN))
-    assert capture.sent[0, UP] == peer.wire_bytes(11, b"hello")
+    assert capture.sent(0, UP) == peer.wire_bytes(11, b"hello")
     check(rows, request, msgid="0011", total_len=25, chunk_index=0, chunk_len=25, message__len=25,
           message__packets=1, message__first_in=request, kind=REQUEST, record__id="0011",
           record__count=5, payload=b"hello".hex(), text="hello", request_in="", reply_in=reply,
@@ -148,7 +140,7 @@ def check_real_exchanges(capture, rows):
     check(rows, reply, msgid="0011", kind=REPLY, text="hello", request_in=request, reply_in="",
           time="%.9f" % capture.seconds(request, reply))
 
-    records = list(peer.messages_of(io.BytesIO(capture.sent[1, UP]).read))
+    records = list(peer.messages_of(io.BytesIO(capture.sent(1, UP)).read))
     for number, message in enumerate(records):
         ends = [number * 20084 + end for end in (8212, 16424, 20084)]  # of the three packets
         up, down = ([capture.frame(1, way, end) for end in ends] for way in (UP, DOWN))

@@ -138,7 +138,8 @@ class OwnServer(unittest.TestCase):
                           "5 bytes  HELLO", "hello")
         long = self.call(echo, 0, "20000 bytes, equal", "--bytes", 20000, "--repeat", 2)
         late = self.call(lambda session, record: None, 1, "", "--timeout", 100, "hello")
-        self.assertEqual(bytes(late.received), wire_bytes(11, b"hello") + wire_bytes(CANCEL, b"0011"))
+        self.assertEqual(late.records, [(11, b"hello"), (CANCEL, b"0011")])
+        self.assertEqual(bytes(late.received), all_bytes(late.records))
         exchanged = [upper.received, wire_bytes(11, b"HELLO"), all_bytes(long.records[1:]),
                      all_bytes(late.records[1:]), wire_bytes(CLOSE_NOTICE, b"")]
         dumps = list(dumps_of(PAGE.read_text(encoding="utf-8")))

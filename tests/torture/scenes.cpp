@@ -1,5 +1,6 @@
 // What a process under torture does with the library, and what must hold whatever fails.
 #include <link.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -483,6 +484,7 @@ Result PlayScene(std::string_view name, const Fault *fault, bool exact) {
         signal(number, OnSignal);
     }
     signal(SIGPIPE, SIG_DFL);
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); // for the debugger
     const int64_t begin = NowMs();
     TheHeap().SetPoison(true);
     TheLibrary();

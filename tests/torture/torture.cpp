@@ -3,7 +3,6 @@
 // A point reads <scene>:<call>.<way>@<offset>/<thread>#<n>[+], the n-th call at that place, with a
 // + from there on for ever. First each scene is played untouched (<scene>:) and tells the points
 // that it has: each place fails in each way, at its first call, at later ones, for ever from both.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>

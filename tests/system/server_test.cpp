@@ -102,71 +102,51 @@ TEST_F(Lifecycle, AStopLeavesOtherServersAloneAndTheServerStartsAgain) {
     EXPECT_GE(MillisecondsOf([&] { stopped[0]->Release(); }), 4000) << "stops first";
 }
 
-TEST_F(Lifecycle, AServerCanBeStoppedOrReleasedFromInsideItsHandler) {
+TEST_F(Lifecycle, AServerCanBeStoppedAndReleasedFromInsideItsHandlers) {
     std::atomic<int> entered = 0;
     std::atomic<int> finished = 0;
+    const auto act = [&](Server &server, const Event &event) {
+        if (event.Text == "hello") {
+            return false;
+        }
+        ++entered;
+        if (event.Text == "late") { // while the stop waits for this handler
+            EXPECT_TRUE(Until([&] { return entered == 7; }));
+            sleep(1);
+        }
+        event.Text == "stop" ? server.StopServer() : void(server.Call("ServerRelease"));
+        ++finished; // nothing after it: the server may go
+        return true;
+    };
     Servers servers;
     std::deque<Peer> peers;
-    for (const char *text : {"stop", "stop", "stop", "release"}) {
-        servers.emplace_back(servers.size() % 2 == 1, [&](Server &server, const Event &event) {
-            if (event.Text == "hello") {
-                return false;
-            }
-            ++entered;
-            event.Text == "release" ? server.Release() : server.StopServer();
-            ++finished; // nothing after it: the server may go
-            return true;
-        });
-        peers.emplace_back(servers.back().Port()).Send(Message("0011", text));
+    for (const std::vector<const char *> &texts :
+         {std::vector{"stop"}, {"stop"}, {"stop"}, {"stop"}, {"release"}, {"late", "stop"}}) {
+        servers.emplace_back(servers.size() == 1, act);
+        for (const char *text : texts) {
+            peers.emplace_back(servers.back().Port()).Send(Message("0011", text));
+            EXPECT_TRUE(Until([&] { return servers.back().Count(kRequest, text) == 1; }));
+        }
     }
-    EXPECT_TRUE(Until([&] { return entered == 4; }));
+    EXPECT_TRUE(Until([&] { return entered == 7; }));
     servers[2]->StopServer(); // from outside as well
-    EXPECT_TRUE(Until([&] { return finished == 4; }));
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(peers[i].ReadToEnd(), "");
-        EXPECT_EQ(servers[i]->GetClientCount(), -1);
+    servers[3]->Call("ServerRelease");
+    EXPECT_TRUE(Until([&] { return finished == 7; }));
+    for (Peer &peer : peers) {
+        EXPECT_EQ(peer.ReadToEnd(), "");
     }
-    servers.pop_back();
+    for (EchoServer &server : servers) {
+        EXPECT_EQ(server->GetClientCount(), -1);
+    }
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(servers.back()->SetPoolThreadNum(1, 2)) << "released";
+        servers.pop_back();
+    }
     for (EchoServer &server : servers) {
         server.Start(true);
         EXPECT_EQ(Peer(server.Port()).Ask("0011", "hello"), "hello");
     }
     StopTogether(servers);
-}
-
-TEST_F(Lifecycle, AReleaseDuringAStopInsideAHandlerIsARelease) {
-    std::atomic<int> released = 0;
-    std::atomic<bool> stops = false;
-    Servers servers;
-    std::deque<Peer> peers;
-    for (int i = 0; i < 2; ++i) {
-        servers.emplace_back(false, [&](Server &server, const Event &event) {
-            if (event.Text == "stop") {
-                stops = true;
-                server.StopServer();
-            } else if (event.Text == "release") { // the thread lives on past the grace period
-                EXPECT_TRUE(Until([&] { return stops.load(); }));
-                sleep(1);
-                server.Call("ServerRelease");
-                ++released;
-            }
-            return true;
-        });
-        for (const char *text : {"release", "stop"}) {
-            if (i == 0 || text == std::string("stop")) {
-                peers.emplace_back(servers.back().Port()).Send(Message("0011", text));
-                EXPECT_TRUE(Until([&] { return servers.back().Count(kRequest, text) == 1; }));
-            }
-        }
-    }
-    servers[1]->Call("ServerRelease");
-    EXPECT_TRUE(Until([&] { return released == 1; }));
-    for (Peer &peer : peers) {
-        EXPECT_EQ(peer.ReadToEnd(), "");
-    }
-    for (EchoServer &server : servers) {
-        EXPECT_FALSE(server->SetPoolThreadNum(1, 2)) << "released";
-    }
 }
 
 TEST_F(Lifecycle, AReleaseInsideTheFirstConnectMessageEndsTheServer) {

@@ -48,7 +48,7 @@ check "documents" python3 scripts/check_docs.py build/release/nrpc-host
 check "cppcheck" cppchecked
 check "clang++: warnings, lock annotations" cmake --build --preset clang
 check "clang-tidy" tidy
-check "dissector" python3 tests/scripts/dissector_test.py build/release/nrpc-host \
+check "dissector" env PYTHONPATH=examples PYTHONDONTWRITEBYTECODE=1 python3 tests/scripts/dissector_test.py build/release/nrpc-host \
     tools/wireshark/nrpc.lua
 python3 scripts/check_product.py build/release/libnrpc.so || bad=$((bad + 1))
 

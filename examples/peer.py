@@ -19,6 +19,8 @@ import threading
 HEAD = struct.Struct("<4s4siii")  # Magic, MsgID, TotalLen, ChunkIndex, ChunkLen
 MAGIC = b"NMSG"
 CHUNK_LEN = 8192                  # of every chunk we send but the last
+MAX_CHUNK_LEN = 1 << 20           # that we take
+MAX_MESSAGE_LEN = 256 << 20
 MIN_RECORD_LEN = 20
 WAIT_S = 30
 
@@ -56,10 +58,12 @@ def wire_bytes(msg_id, payload):
 # --- bytes to messages ---
 
 def messages_of(read):
-    """The messages in what read(count) gives, until it ends or gives what is no packet."""
+    """The messages in what read(count) gives, until that ends or is no packet."""
     chunks, expected = [], None  # expected: MsgID and ChunkIndex that continue the message
     while len(head := read(HEAD.size)) == HEAD.size and head.startswith(MAGIC):
         _, msg_id, total_len, index, chunk_len = HEAD.unpack(head)
+        if not (0 <= total_len <= MAX_MESSAGE_LEN and 0 <= chunk_len <= MAX_CHUNK_LEN):
+            break
         if (msg_id, index) != expected:
             chunks.clear()
         expected = msg_id, index + 1
@@ -75,9 +79,12 @@ def records_of(message):
     """The records at the front of a message. One with COUNT 0 is the last."""
     while len(message) >= MIN_RECORD_LEN and message.startswith(b"<Msg"):
         digits = message[9:].partition(b"<")[0]
-        count, start = int(digits or b"0"), 9 + len(digits) + 10
-        yield Record(int(message[4:8]), message[start:start + count])
-        message = message[start + count:] if count > 0 else b""
+        count, start = digits or b"0", 9 + len(digits) + 10
+        if not (count.isdigit() and message[4:8].isdigit()) or int(count) > len(message) - start:
+            break
+        end = start + int(count)
+        yield Record(int(message[4:8]), message[start:end])
+        message = message[end:] if end > start else b""
 
 
 # --- the ends of a connection ---

@@ -1,9 +1,12 @@
 // replay <corpus> <count>: a fuzzer without its engine, over its seeds and over `count` inputs that
 // chance makes of them, the same ones in every run.
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -17,8 +20,10 @@ static size_t Roll(size_t sides) {
 }
 
 static void Try(const std::string &input) {
-    const std::vector<uint8_t> exact(input.begin(), input.end());
-    CHECK(LLVMFuzzerTestOneInput(exact.data(), exact.size()) == 0);
+    // A block of its own and never a null pointer, as the engine gives it.
+    const auto exact = std::make_unique<uint8_t[]>(input.size());
+    std::copy(input.begin(), input.end(), exact.get());
+    CHECK(LLVMFuzzerTestOneInput(exact.get(), input.size()) == 0);
 }
 
 static std::string Changed(std::string input, const std::vector<std::string> &seeds) {
@@ -44,10 +49,14 @@ static std::string Changed(std::string input, const std::vector<std::string> &se
 }
 
 int main(int count, char **words) {
-    std::vector<std::string> seeds;
+    std::set<std::filesystem::path> files;
     for (const auto &entry : std::filesystem::directory_iterator(count == 3 ? words[1] : "")) {
+        files.insert(entry.path());
+    }
+    std::vector<std::string> seeds;
+    for (const auto &file : files) {
         std::stringstream bytes;
-        bytes << std::ifstream(entry.path()).rdbuf();
+        bytes << std::ifstream(file).rdbuf();
         seeds.push_back(bytes.str());
         Try(seeds.back());
     }

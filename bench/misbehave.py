@@ -7,31 +7,20 @@ import socket
 import struct
 import time
 
+from peer import packet_bytes, wire_bytes
+
 PAUSE_S = 0.2
 GUESTS = 10
 ASKED = 4 << 20  # bytes of a request whose reply nobody reads
 
-
-def packet(total, chunk):
-    return struct.pack("<4s4siii", b"NMSG", b"0011", total, 0, len(chunk)) + chunk
-
-
-def request(size):
-    record = b"<Msg0011>%d</Msg0011>" % size + bytes(size)
-    chunks = [record[at:at + 8192] for at in range(0, len(record), 8192)]
-    heads = (struct.pack("<4s4siii", b"NMSG", b"0011", len(record), index, len(chunk))
-             for index, chunk in enumerate(chunks))
-    return b"".join(head + chunk for head, chunk in zip(heads, chunks))
-
-
 MISDEEDS = (
     b"",
     b"GET / HTTP/1.1\r\n\r\n" * 100,  # another protocol
-    packet(100, b"x" * 100)[:11],  # half a head
-    packet(256 << 20, b"x" * 8192),  # the beginning of much
-    packet(5, b"wrong") * 20,  # messages without a record
-    packet(30, b"x" * 10) + b"garbage" * 10,
-    request(ASKED),
+    packet_bytes(11, b"x" * 100)[:11],  # half a head
+    packet_bytes(11, b"x" * 8192, total_len=256 << 20),  # the beginning of much
+    packet_bytes(11, b"wrong") * 20,  # messages without a record
+    packet_bytes(11, b"x" * 10, total_len=30) + b"garbage" * 10,
+    wire_bytes(11, bytes(ASKED)),
 )
 
 

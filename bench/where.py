@@ -11,6 +11,7 @@ import subprocess
 import sys
 import time
 
+from peer import wire_bytes
 from programs import free_port
 
 # --- instructions -----------------------------------------------------------------------------
@@ -121,9 +122,7 @@ def instructions(side, path, count):
 
 def exchange(port, count):
     """Times of requests of 64 bytes, sent at any moment of the server's pauses."""
-    payload = b"<Msg0011>64</Msg0011>" + bytes(64)
-    head = b"NMSG0011" + len(payload).to_bytes(4, "little") + bytes(4)
-    request = head + len(payload).to_bytes(4, "little") + payload
+    request = wire_bytes(11, bytes(64))
     times = []
     with socket.create_connection(("127.0.0.1", int(port))) as connection:
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -131,15 +130,10 @@ def exchange(port, count):
             time.sleep(0.02 + (turn * 7919 % 1000) / 1e5)
             start = time.perf_counter()
             connection.sendall(request)
-            got = b""
-            while len(got) < len(request):
-                part = connection.recv(len(request) - len(got))
-                if not part:
-                    sys.exit("the server ended the connection")
-                got += part
+            got = connection.recv(len(request), socket.MSG_WAITALL)
             times.append((time.perf_counter() - start) * 1e6)
             if got != request:
-                sys.exit("a wrong reply")
+                sys.exit("a wrong reply, or the end of the connection")
     times.sort()
     print(f"reply to a client without pauses, us: least {times[0]:.0f},"
           f" half below {statistics.median(times):.0f}, 99 of 100 below"

@@ -8,6 +8,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 
 readonly seconds=${1:-10}
 readonly program=../build/release/nrpc_bench
+export PYTHONPATH=../examples # the wire
 work=$(mktemp -d)
 server_pid=
 trap 'end_server || true; rm -rf "$work"' EXIT

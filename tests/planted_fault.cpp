@@ -1,59 +1,29 @@
-// Commits the fault that it is told to. The sanitized builds run it to see that their sanitizers
-// really report here: a run without any report proves nothing where they are silent.
-#include <pthread.h>
-
-#include <cstdio>
+// planted_fault leak|overflow|use-after-free|race: commits it. The sanitized builds run it to see
+// that their sanitizers really report here: a run without any report proves nothing where they are
+// silent.
 #include <cstdlib>
-#include <cstring>
+#include <string_view>
+#include <thread>
 
-namespace {
-
-volatile int s_Shared;
-
-void *WriteShared(void *) {
-    s_Shared = 1;
-    return nullptr;
-}
-
-void Race() {
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, WriteShared, nullptr) == 0) {
-        s_Shared = 2;
-        pthread_join(thread, nullptr);
-    }
-}
-
-void Leak() {
-    void *volatile lost = std::malloc(100);
-    lost = nullptr;
-}
-
-void Overflow() {
-    volatile int largest = 2147483647;
-    largest = largest + 1;
-}
-
-void UseAfterFree() {
-    auto *volatile block = static_cast<char *>(std::malloc(1));
-    std::free(block);
-    block[0] = 1;
-}
-
-const struct {
-    const char *Name;
-    void (*Commit)();
-} kFaults[] = {
-    {"leak", Leak}, {"overflow", Overflow}, {"use-after-free", UseAfterFree}, {"race", Race}};
-
-} // namespace
+static volatile int s_Value = 2147483647;
 
 int main(int argc, char **argv) {
-    for (const auto &fault : kFaults) {
-        if (argc == 2 && std::strcmp(argv[1], fault.Name) == 0) {
-            fault.Commit();
-            return 0;
-        }
+    const std::string_view fault = argc == 2 ? argv[1] : "";
+    if (fault == "leak") {
+        void *volatile lost = std::malloc(100);
+        lost = nullptr;
+    } else if (fault == "overflow") {
+        s_Value = s_Value + 1;
+    } else if (fault == "use-after-free") {
+        auto *volatile block = static_cast<char *>(std::malloc(1));
+        std::free(block);
+        block[0] = 1;
+    } else if (fault == "race") {
+        std::thread other([] { s_Value = 1; });
+        s_Value = 2;
+        other.join();
+    } else {
+        return 2;
     }
-    std::fprintf(stderr, "usage: planted_fault leak|overflow|use-after-free|race\n");
-    return 2;
+    return 0;
 }

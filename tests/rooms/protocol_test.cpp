@@ -15,35 +15,14 @@
 #include "support/gate.h"
 #include "support/live_object.h"
 #include "support/threads.h"
+#include "wire.h"
 
 using namespace nrpc;
+using tests::Framed, tests::Head;
 
 namespace {
 
 constexpr int32_t kMiB = 1024 * 1024;
-
-int32_t Int(size_t number) {
-    return static_cast<int32_t>(number);
-}
-
-std::string Text(const void *bytes, size_t len) {
-    return {static_cast<const char *>(bytes), len};
-}
-
-// The wire, written a second time, for a little-endian machine.
-std::string Head(const std::string &id, int32_t totalLen, int32_t index, int32_t chunkLen) {
-    const int32_t words[] = {totalLen, index, chunkLen};
-    return "NMSG" + id + Text(words, sizeof(words));
-}
-
-std::string Framed(const std::string &id, const std::string &message, size_t chunkLen = 8192) {
-    std::string wire;
-    for (size_t at = 0; at < message.size(); at += chunkLen) {
-        const std::string chunk = message.substr(at, chunkLen);
-        wire += Head(id, Int(message.size()), Int(at / chunkLen), Int(chunk.size())) + chunk;
-    }
-    return wire;
-}
 
 // An assembly and the messages that came out of it, each with a bar behind it.
 struct Receiver {
@@ -54,11 +33,13 @@ struct Receiver {
     ~Receiver() { Assembly_Reset(&State); }
     FeedResult Feed(const std::string &bytes) {
         const std::vector<uint8_t> exact(bytes.begin(), bytes.end()); // a read beyond it shows
-        return Assembly_Feed(&State, exact.data(), Int(exact.size()), Take, this, &Packets);
+        return Assembly_Feed(&State, exact.data(), static_cast<int32_t>(exact.size()), Take, this,
+                             &Packets);
     }
     static void Take(void *receiver, MessageChunk *chunks) {
         chunks = JoinChunks(chunks);
-        static_cast<Receiver *>(receiver)->Messages += Text(chunks->Data, chunks->Len) + '|';
+        const std::string_view message(reinterpret_cast<const char *>(chunks->Data), chunks->Len);
+        static_cast<Receiver *>(receiver)->Messages.append(message) += '|';
         FreeChunks(chunks);
     }
 };

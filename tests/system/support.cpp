@@ -123,49 +123,6 @@ void SystemTest::ExpectNothingLeft() {
     }
 }
 
-// --- the wire ---------------------------------------------------------------------------------
-
-std::string Head(std::string_view id, int32_t totalLen, int32_t chunkIndex, int32_t chunkLen) {
-    std::string head = "NMSG" + std::string(id);
-    for (const int32_t number : {totalLen, chunkIndex, chunkLen}) {
-        head.append(reinterpret_cast<const char *>(&number), sizeof(number));
-    }
-    return head;
-}
-
-std::string Packet(std::string_view id, int32_t totalLen, int32_t chunkIndex,
-                   std::string_view chunk) {
-    return Head(id, totalLen, chunkIndex, static_cast<int32_t>(chunk.size())).append(chunk);
-}
-
-std::string Record(std::string_view id, std::string_view payload) {
-    const std::string tag = "Msg" + std::string(id) + ">";
-    return "<" + tag + std::to_string(payload.size()) + "</" + tag + std::string(payload);
-}
-
-std::string Framed(std::string_view id, std::string_view content, size_t chunkLen) {
-    const auto totalLen = static_cast<int32_t>(content.size());
-    std::string wire;
-    for (int32_t index = 0; !content.empty(); ++index) {
-        wire += Packet(id, totalLen, index, content.substr(0, chunkLen));
-        content.remove_prefix(std::min(chunkLen, content.size()));
-    }
-    return wire;
-}
-
-std::string Message(std::string_view id, std::string_view payload, size_t chunkLen) {
-    return Framed(id, Record(id, payload), chunkLen);
-}
-
-std::string Pattern(size_t length, uint32_t seed) {
-    std::string bytes(length, 0);
-    for (char &byte : bytes) {
-        seed = seed * 1664525 + 1013904223;
-        byte = static_cast<char>('!' + (seed >> 16) % 91);
-    }
-    return bytes;
-}
-
 // --- peers ------------------------------------------------------------------------------------
 
 Peer::Peer(int32_t port) : m_Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

@@ -1,6 +1,5 @@
-// support.h: what the system tests share: the loaded library, raw TCP peers, the wire written a
-// second time (nothing of the product's own protocol code is used), waiting with a deadline, a
-// server that echoes and keeps a book, and the check that nothing is left behind.
+// support.h: what the system tests share: the loaded library, raw TCP peers, waiting with a
+// deadline, a server that echoes and keeps a book, and the check that nothing is left behind.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,6 +21,7 @@
 #include <vector>
 
 #include "hostkit.h"
+#include "wire.h"
 
 namespace nrpc::tests {
 
@@ -101,19 +101,7 @@ class SystemTest : public testing::Test {
     const Census m_Before = TakeCensus();
 };
 
-// --- the wire ---------------------------------------------------------------------------------
-
-inline constexpr size_t kChunkLen = 8192;
-
-std::string Head(std::string_view id, int32_t totalLen, int32_t chunkIndex, int32_t chunkLen);
-std::string Packet(std::string_view id, int32_t totalLen, int32_t chunkIndex,
-                   std::string_view chunk);
-std::string Record(std::string_view id, std::string_view payload);
-// Any content as one message, cut into packets of at most `chunkLen`.
-std::string Framed(std::string_view id, std::string_view content, size_t chunkLen = kChunkLen);
-std::string Message(std::string_view id, std::string_view payload, size_t chunkLen = kChunkLen);
-// Bytes that differ from place to place and from seed to seed.
-std::string Pattern(size_t length, uint32_t seed = 1);
+// --- peers ------------------------------------------------------------------------------------
 
 struct Arrived {
     std::string Id;

@@ -1,5 +1,5 @@
-// wire.h: the wire written a second time: nothing of the product's own protocol code is used, so that
-// a fault of one side cannot hide behind the same fault of the other.
+// wire.h: the wire written a second time, without the product's own protocol code, so that a fault
+// of one side cannot hide behind the same fault of the other.
 #pragma once
 
 #include <algorithm>

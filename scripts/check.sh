@@ -48,8 +48,8 @@ check "documents" python3 scripts/check_docs.py build/release/nrpc-host
 check "cppcheck" cppchecked
 check "clang++: warnings, lock annotations" cmake --build --preset clang
 check "clang-tidy" tidy
-check "dissector" env PYTHONPATH=examples PYTHONDONTWRITEBYTECODE=1 python3 tests/scripts/dissector_test.py build/release/nrpc-host \
-    tools/wireshark/nrpc.lua
+check "dissector" env PYTHONPATH=examples PYTHONDONTWRITEBYTECODE=1 python3 \
+    tests/scripts/dissector_test.py tools/wireshark/nrpc.lua
 python3 scripts/check_product.py build/release/libnrpc.so || bad=$((bad + 1))
 
 [ "$bad" -eq 0 ]

@@ -25,7 +25,8 @@ static uint32_t SeedOfRun() {
 // The next number of the calling thread; each thread has a series of its own.
 static uint32_t NextRandom(uint32_t seed) {
     static std::atomic<uint32_t> s_Threads = 0;
-    static thread_local uint32_t s_State = 0;
+    // Not dynamic: the thread sanitizer guesses where such a block begins, and is at times wrong.
+    [[gnu::tls_model("initial-exec")]] static thread_local uint32_t s_State = 0;
     if (s_State == 0) {
         s_State = (seed + ++s_Threads) * 2654435761U | 1;
     }
